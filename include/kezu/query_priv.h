@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A query-privilege rule: an action for statements of certain types whose text matches certain patterns.
+#pragma once
+
+#include <regex.h>
+
+#include <string>
+
+#pragma GCC visibility push(default)
+
+// A pattern is a POSIX extended regular expression (IEEE Std 1003.1, regcomp with REG_EXTENDED | REG_NOSUB), searched anywhere
+// in the text. An empty pattern matches every text. A pattern that does not compile matches none.
+//
+// Each object owns the compiled forms of its own patterns: a copy compiles them anew, a move takes them over. Not safe for
+// use by several threads while one of them changes it.
+class Q7QueryPriv {
+ public:
+  Q7QueryPriv();
+  Q7QueryPriv(const Q7QueryPriv& other);
+  Q7QueryPriv(Q7QueryPriv&& other) noexcept;
+  Q7QueryPriv& operator=(const Q7QueryPriv& other);
+  Q7QueryPriv& operator=(Q7QueryPriv&& other) noexcept;
+  ~Q7QueryPriv();
+
+  // Compiles both patterns, releasing what was compiled before. Returns true when both compile; a pattern that does not is
+  // kept and never matches.
+  bool compileRegex();
+
+  // Whether `statement` matches queryPattern and `parentStatement` matches p_queryPattern.
+  bool checkPattern(const std::string& statement, const std::string& parentStatement) const;
+
+  // Appends a copy of `rule`, compiled, to g_queryPriv. The entry's key is queryType + p_queryType * 150 + 150. Returns 0;
+  // non-zero when the table is full (2000 rules), with nothing changed.
+  static int insert(Q7QueryPriv& rule);
+
+  // Whether the rule applies to a statement of type `type` with text `statement` that runs inside a statement of type
+  // `parentType` with text `parentStatement` (-1 and "" when there is none). A rule's type of -1 matches every type.
+  bool check(int type, const std::string& statement, int parentType, const std::string& parentStatement) const;
+
+  int queryType = -1;          // index into sqlType, -1 for none
+  int p_queryType = -1;        // the same, of the enclosing statement
+  std::string queryPattern;    // pattern of the statement's text
+  std::string p_queryPattern;  // pattern of the enclosing statement's text
+  int decAction = 0;           // action code for decryption
+  int encAction = 0;           // action code for encryption
+  regex_t regPtn;              // compiled form of queryPattern; valid only while compiled
+  regex_t p_regPtn;            // compiled form of p_queryPattern; valid only while compiled
+
+ private:
+  void release() noexcept;
+
+  bool compiled_ = false;    // regPtn is valid
+  bool p_compiled_ = false;  // p_regPtn is valid
+};
+
+#pragma GCC visibility pop
