@@ -1,20 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "conf/audit_event.h"
 
-#include <algorithm>
-
 #include "logw/logw.h"
 
 namespace {
-constexpr int kMaxMessages = 1024;  // entries of the list, the ending null included
+
+// The list of texts that the logging library takes: borrowed, ended by null pointers.
+class Messages {
+ public:
+  void add(const std::string& text) {
+    if (_n < kMaxMessages - 1) {
+      _messages[_n++] = text.c_str();
+    }
+  }
+
+  void write(int level) const { lw_log(lw_get_category(logwCategory()), level, _messages); }
+
+ private:
+  static constexpr int kMaxMessages = 1024;  // entries, the ending nulls included
+
+  const char* _messages[kMaxMessages] = {};
+  int _n = 0;
+};
+
+}  // namespace
+
+void writeAuditEvent(int level, std::initializer_list<AuditPair> pairs) {
+  Messages messages;
+  for (const AuditPair& pair : pairs) {
+    messages.add(pair.key);
+    messages.add(pair.value);
+  }
+  messages.write(level);
 }
 
-void writeAuditEvent(int level, std::initializer_list<std::string> texts) {
-  const std::string* _msgs = texts.begin();
-  const int _n = std::min(static_cast<int>(texts.size()), kMaxMessages - 1);
-  const char* _messages[kMaxMessages] = {};
-  for (int i = 0; i < _n; ++i) {
-    _messages[i] = _msgs[i].c_str();
+void writeAuditTexts(int level, std::initializer_list<std::string> texts) {
+  Messages messages;
+  for (const std::string& text : texts) {
+    messages.add(text);
   }
-  lw_log(lw_get_category(logwCategory()), level, _messages);
+  messages.write(level);
 }

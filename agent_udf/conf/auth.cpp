@@ -28,7 +28,7 @@ constexpr long long kLocked = -3;
 constexpr long long kUnknownSession = -4;
 
 void logLogin(int level, const char* message) {
-  writeAuditEvent(level, {"group", "status", "desc", message});
+  writeAuditEvent(level, {{"group", "status"}, {"desc", message}});
 }
 
 long long failed(long long result) {

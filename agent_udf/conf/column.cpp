@@ -70,9 +70,12 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
     default:
       break;
   }
-  writeAuditEvent(kLogChange,
-                  {"group", "policy", "owner", std::string(name.owner), "table", std::string(name.table), "column",
-                   std::string(name.column), "policy", std::string(policy), "desc", "SET COLUMN"});
+  writeAuditEvent(kLogChange, {{"group", "policy"},
+                               {"owner", std::string(name.owner)},
+                               {"table", std::string(name.table)},
+                               {"column", std::string(name.column)},
+                               {"policy", std::string(policy)},
+                               {"desc", "SET COLUMN"}});
   return kRegistered;
 }
 
@@ -87,8 +90,11 @@ long long removeColumn(const ColumnName& name, frame::Flags& flags) {
   if (Q7_SaveColumnInfo() == -1) {
     return kNotSaved;
   }
-  writeAuditEvent(kLogChange, {"group", "policy", "owner", std::string(name.owner), "table", std::string(name.table),
-                               "column", std::string(name.column), "desc", "DELETE COLUMN"});
+  writeAuditEvent(kLogChange, {{"group", "policy"},
+                               {"owner", std::string(name.owner)},
+                               {"table", std::string(name.table)},
+                               {"column", std::string(name.column)},
+                               {"desc", "DELETE COLUMN"}});
   return kRemoved;
 }
 

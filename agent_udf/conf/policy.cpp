@@ -111,26 +111,16 @@ long long saveCache() {
 }
 
 void logCreated(const Q7EncPolicyInfo& policy, const std::string& flag) {
-  writeAuditEvent(kLogChange, {"group",
-                               "policy",
-                               "policy",
-                               policy.policyID,
-                               "algorithm",
-                               Q7EncryptionAlgorithmStr[policy.algID],
-                               "iv mode",
-                               Q7EncryptionIVTypeStr[policy.ivMode],
-                               "partial enc pos",
-                               std::to_string(policy.encPos),
-                               "partial enc off",
-                               std::to_string(policy.encLen),
-                               "block mode",
-                               Q7EncryptionBlockModeTypeStr[policy.blockMode],
-                               "encode mode",
-                               Q7EncryptionStrModeStr[policy.strMode],
-                               "enc flag",
-                               flag,
-                               "desc",
-                               "CREATE POLICY"});
+  writeAuditEvent(kLogChange, {{"group", "policy"},
+                               {"policy", policy.policyID},
+                               {"algorithm", Q7EncryptionAlgorithmStr[policy.algID]},
+                               {"iv mode", Q7EncryptionIVTypeStr[policy.ivMode]},
+                               {"partial enc pos", std::to_string(policy.encPos)},
+                               {"partial enc off", std::to_string(policy.encLen)},
+                               {"block mode", Q7EncryptionBlockModeTypeStr[policy.blockMode]},
+                               {"encode mode", Q7EncryptionStrModeStr[policy.strMode]},
+                               {"enc flag", flag},
+                               {"desc", "CREATE POLICY"}});
 }
 
 // The encryption flag of a new policy. The text NULL stands for none.
@@ -147,7 +137,8 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
   Staged next = stageNextSlot(kNone);
   const int algorithm = args.int32(2);
   if ((algorithm == kAes128Ni || algorithm == kAes256Ni) && Check_CPU_support_AES() == 0) {
-    writeAuditEvent(kLogFailure, {"group", "policy", "policy", "desc", "The CPUs do NOT support AESNI."});
+    // The list as its readers know it: without the policy's name.
+    writeAuditTexts(kLogFailure, {"group", "policy", "policy", "desc", "The CPUs do NOT support AESNI."});
     return kNoAesNi;
   }
   Q7EncPolicyInfo& record = g_encPolicyArray[next.slot][next.count];
@@ -176,7 +167,7 @@ long long deletePolicy(const std::string& name, int found) {
     return kRefused;
   }
   const Staged next = stageNextSlot(found);
-  writeAuditEvent(kLogChange, {"group", "policy", "policy", name, "desc", "DELETE POLICY"});
+  writeAuditEvent(kLogChange, {{"group", "policy"}, {"policy", name}, {"desc", "DELETE POLICY"}});
   publishSlot(next);
   return save(kDeleted);
 }
