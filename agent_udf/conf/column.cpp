@@ -5,6 +5,7 @@
 
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
+#include "conf/record_table.h"
 #include "frame/function.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -22,17 +23,14 @@ struct ColumnName {
   std::string_view column;
 };
 
+const RecordTable columns(g_encColumnInfoArray, g_numberOfEncColumn);
+
 // The first registration of the column, or null.
 Q7EncColumnInfo* find(const ColumnName& name) {
-  const int count = kezu::observe(g_numberOfEncColumn);
-  for (int i = 0; i < count; ++i) {
-    Q7EncColumnInfo& record = g_encColumnInfoArray[i];
-    if (kezu::fieldEquals(record.column, name.column) && kezu::fieldEquals(record.table, name.table) &&
-        kezu::fieldEquals(record.owner, name.owner)) {
-      return &record;
-    }
-  }
-  return nullptr;
+  return columns.find([&name](const Q7EncColumnInfo& record) {
+    return kezu::fieldEquals(record.column, name.column) && kezu::fieldEquals(record.table, name.table) &&
+           kezu::fieldEquals(record.owner, name.owner);
+  });
 }
 
 bool fits(const ColumnName& name, std::string_view policy) {
@@ -52,16 +50,15 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
   if (find(name) != nullptr) {
     return refuse(flags);
   }
-  const int count = kezu::observe(g_numberOfEncColumn);
-  if (count >= kMaxColumns || !fits(name, policy)) {
+  if (columns.isFull() || !fits(name, policy)) {
     return kNotSaved;
   }
-  Q7EncColumnInfo& record = g_encColumnInfoArray[count];
-  kezu::storeField(record.column, name.column);
-  kezu::storeField(record.table, name.table);
+  Q7EncColumnInfo record;
   kezu::storeField(record.owner, name.owner);
+  kezu::storeField(record.table, name.table);
+  kezu::storeField(record.column, name.column);
   kezu::storeField(record.policyID, policy);
-  kezu::publish(g_numberOfEncColumn, count + 1);
+  columns.append(record);
   switch (Q7_SaveColumnInfo()) {
     case -1:
       return kNotSaved;
@@ -84,9 +81,7 @@ long long removeColumn(const ColumnName& name, frame::Flags& flags) {
   if (found == nullptr) {
     return refuse(flags);
   }
-  const int last = kezu::observe(g_numberOfEncColumn) - 1;
-  kezu::storeRecord(*found, g_encColumnInfoArray[last]);
-  kezu::publish(g_numberOfEncColumn, last);
+  columns.remove(*found);
   if (Q7_SaveColumnInfo() == -1) {
     return kNotSaved;
   }
