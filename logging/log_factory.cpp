@@ -16,6 +16,12 @@ using logging::LineIndex;
 constexpr int kAuditLog = 0;
 constexpr std::size_t kMaxIndexes = 32;  // days whose index is kept; the one not used for longest goes first
 
+// The line that this thread read last.
+std::string& lastLine() {
+  thread_local std::string line;
+  return line;
+}
+
 // The audit log.
 class AuditLog final : public Log {
  public:
@@ -29,8 +35,8 @@ class AuditLog final : public Log {
   }
 
   const char* getLog(const std::string& date, unsigned int lineNum) override {
-    thread_local std::string line;
     try {
+      std::string& line = lastLine();
       const std::shared_ptr<LineIndex> index = indexOf(date);
       line = index ? index->readLine(lineNum) : std::string();
       return line.c_str();
