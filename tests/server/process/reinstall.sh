@@ -45,9 +45,9 @@ expect_equal 'the process' "$before" "${private_server_pid[$server]}"
 for who in 1 2 3 4; do
   right=$(grep -c '^500$' "$run/values-$who" || true)
   wrong=$(grep -vc '^500$' "$run/values-$who" || true)
-  # 1305: no such function. 1122 and 1123 with the name *, which is what the server calls a function that was removed while
-  # in use: removed after the statement was parsed.
-  strange=$(grep '^ERROR' "$run/errors-$who" | grep -vE "^ERROR 1305 |^ERROR 112[23] .* function '\*'" || true)
+  # 1305: no such function. 1122: removed after the statement was parsed. 1123 with the name *, which is what the server
+  # calls functions that are removed while statements use them: the same, and it found another one under that name.
+  strange=$(grep '^ERROR' "$run/errors-$who" | grep -vE "^ERROR (1305|1122) |^ERROR 1123 .* function '[*]'" || true)
   echo "connection $who: $right statements right, $wrong wrong, $(grep -c '^ERROR' "$run/errors-$who" || true) without the functions"
   [ "$right" -gt 0 ] || fail "connection $who never got a value"
   expect_equal "wrong results of connection $who" 0 "$wrong"
