@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The exported operations on the configuration: start, load, reload and save. They share one store under one lock, which no
-// operation on a row's path takes.
+// The exported operations on the configuration: start, load, reload and save. They share one store under one lock,
+// which no operation on a row's path takes.
 #include <fmt/format.h>
 #include <sys/mman.h>
 
@@ -169,7 +169,9 @@ int Q7_ReloadAllInfoIfChanged() {
   return reload([](Store& store) { return store.reloadChanged(); });
 }
 
-int Q7_ReloadAllInfoIfChanged3() { return Q7_ReloadAllInfoIfChanged(); }
+int Q7_ReloadAllInfoIfChanged3() {
+  return Q7_ReloadAllInfoIfChanged();
+}
 
 int Q7_LoadPolicyInfo(const char* source) {
   return reload([source](Store& store) { return store.load(TableId::policy, source == nullptr ? "" : source); });
@@ -179,13 +181,27 @@ int Q7_LoadTableInfo() {
   return reload([](Store& store) { return store.reloadChanged(TableId::tableInfo); });
 }
 
-int Q7_SavePolicyInfo() { return save(TableId::policy, {.failure = -1, .conflict = -3}); }
-int Q7_SaveColumnInfo() { return save(TableId::column, {.failure = -1, .conflict = 1}); }
-int Q7_SaveAccessPrivInfo() { return save(TableId::access, {.failure = -1, .conflict = -1}); }
-int Q7_SaveEncPrivInfo() { return save(TableId::privilege, {.failure = -1, .conflict = -1}); }
-int Q7_SaveQueryPrivInfo() { return save(TableId::queryPriv, {.failure = 1, .conflict = 1}); }
-int Q7_SaveTableInfo() { return save(TableId::tableInfo, {.failure = -1, .conflict = -1}); }
-int Q7_SaveUserInfo() { return save(TableId::user, {.failure = -1, .conflict = -1}); }
+int Q7_SavePolicyInfo() {
+  return save(TableId::policy, {.failure = -1, .conflict = -3});
+}
+int Q7_SaveColumnInfo() {
+  return save(TableId::column, {.failure = -1, .conflict = 1});
+}
+int Q7_SaveAccessPrivInfo() {
+  return save(TableId::access, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveEncPrivInfo() {
+  return save(TableId::privilege, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveQueryPrivInfo() {
+  return save(TableId::queryPriv, {.failure = 1, .conflict = 1});
+}
+int Q7_SaveTableInfo() {
+  return save(TableId::tableInfo, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveUserInfo() {
+  return save(TableId::user, {.failure = -1, .conflict = -1});
+}
 
 int Q7_GetPolicyInfoFromKMS() {
   return guarded(-1, [](Engine& engine) {

@@ -30,7 +30,8 @@ store::Status fetchPolicies(const store::Home& home) {
 
 store::Result<Comparison> compareWithFile(const store::Store& store) {
   constexpr auto kTable = store::TableId::policy;
-  const auto image = store::openTableFile(store.files(), store.path(kTable), store::tableOf(kTable), store.keys(kTable));
+  const auto image =
+      store::openTableFile(store.files(), store.path(kTable), store::tableOf(kTable), store.keys(kTable));
   if (!image.ok()) {
     return image.error();
   }

@@ -7,8 +7,8 @@
 
 namespace engine::kms {
 
-// Fetches the policies of the key management server that the home configures into the next slot and publishes them, all or
-// none. A home without a server is an error.
+// Fetches the policies of the key management server that the home configures into the next slot and publishes them, all
+// or none. A home without a server is an error.
 store::Status fetchPolicies(const store::Home& home);
 
 // How the policies in use compare with those of the local file; the numbers are those of compareLocalAndKMSPolicy().

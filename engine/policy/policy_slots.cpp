@@ -9,9 +9,13 @@
 namespace engine {
 namespace {
 
-int activeSlot() noexcept { return std::clamp(kezu::observe(g_encPolicyArray_flag), 0, kPolicySlots - 1); }
+int activeSlot() noexcept {
+  return std::clamp(kezu::observe(g_encPolicyArray_flag), 0, kPolicySlots - 1);
+}
 
-int slotCount(int slot) noexcept { return std::clamp(kezu::observe(g_numberOfEncPolicy[slot]), 0, kMaxPolicies); }
+int slotCount(int slot) noexcept {
+  return std::clamp(kezu::observe(g_numberOfEncPolicy[slot]), 0, kMaxPolicies);
+}
 
 void destroyKey(BCipherKey key) noexcept {
   BCIPHER_WipeKey(key);

@@ -30,9 +30,9 @@ class PreparedPolicies {
   PreparedPolicies& operator=(PreparedPolicies&&) = delete;
   ~PreparedPolicies();
 
-  // Puts the table into the slot after the active one, whose old keys are wiped, and makes that slot the active one. To be
-  // called once. A thread that uses the slot that was active goes on with it: it is next written by the fourth change after
-  // this one.
+  // Puts the table into the slot after the active one, whose old keys are wiped, and makes that slot the active one. To
+  // be called once. A thread that uses the slot that was active goes on with it: it is next written by the fourth
+  // change after this one.
   void publish() noexcept;
 
  private:

@@ -22,7 +22,9 @@ using Json = nlohmann::basic_json<std::map, std::vector, std::string, bool, std:
 constexpr const char* kSettings = "settings";
 constexpr const char* kRecords = "records";
 
-Error invalid(std::string reason) { return {Error::Kind::invalid, std::move(reason)}; }
+Error invalid(std::string reason) {
+  return {Error::Kind::invalid, std::move(reason)};
+}
 
 Json binary(const char* bytes, std::size_t length) {
   return Json::binary(cipher::SecretBytes(bytes, bytes + length));
@@ -91,7 +93,8 @@ class Reader {
       return;
     }
     // An unsigned number past the signed type's range would come out negative.
-    const bool tooLarge = node->is_number_unsigned() && node->get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX);
+    const bool tooLarge =
+        node->is_number_unsigned() && node->get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX);
     if (!node->is_number_integer() || tooLarge || node->get<std::int64_t>() < low || node->get<std::int64_t>() > high) {
       fail(name, "is out of range");
       return;

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Tables as payloads of their files: CBOR (RFC 8949) with the settings that travel with the table and its records. The same
-// table always gives the same bytes.
+// Tables as payloads of their files: CBOR (RFC 8949) with the settings that travel with the table and its records. The
+// same table always gives the same bytes.
 //
 //   {"settings": {name: number, ...}, "records": [{name: value, ...}, ...]}
 //
-// Texts are byte strings, since they need not be UTF-8. Reading is strict: every field must be there, of its type, in its
-// range, and nothing else.
+// Texts are byte strings, since they need not be UTF-8. Reading is strict: every field must be there, of its type, in
+// its range, and nothing else.
 #pragma once
 
 #include <cstring>
@@ -68,13 +68,13 @@ using UserData = TableData<Q7UserInfo, NoSettings, kMaxUsers>;
 template <typename Data>
 cipher::SecretBytes encode(const Data& data);
 
-// The table of a payload. Every record is zero where it holds nothing, so equal records have equal bytes. The error's text is
-// the reason alone, to follow the file's name.
+// The table of a payload. Every record is zero where it holds nothing, so equal records have equal bytes. The error's
+// text is the reason alone, to follow the file's name.
 template <typename Data>
 Result<Data> decode(const cipher::SecretBytes& payload);
 
-// The fields of each record and of each table's settings, with their names in the file, their types and their ranges. A visitor
-// has
+// The fields of each record and of each table's settings, with their names in the file, their types and their ranges. A
+// visitor has
 //   text(name, field)               zero-terminated text
 //   password(name, field)           text that may fill its field without a terminating zero, not empty, a secret
 //   pattern(name, string)           text without a limit of its own

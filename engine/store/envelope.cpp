@@ -26,7 +26,9 @@ struct ContextDeleter {
 };
 using Context = std::unique_ptr<EVP_CIPHER_CTX, ContextDeleter>;
 
-Error invalid(std::string reason) { return {Error::Kind::invalid, std::move(reason)}; }
+Error invalid(std::string reason) {
+  return {Error::Kind::invalid, std::move(reason)};
+}
 
 // Everything in front of the nonce.
 std::vector<unsigned char> headerOf(std::string_view table, const TableKeys& keys) {
@@ -39,18 +41,19 @@ std::vector<unsigned char> headerOf(std::string_view table, const TableKeys& key
   return header;
 }
 
-// Why a file's header is not the one that this table's files have. The format's version decides first: what follows it may be
-// laid out differently in a later one.
+// Why a file's header is not the one that this table's files have. The format's version decides first: what follows it
+// may be laid out differently in a later one.
 std::string headerFault(std::span<const unsigned char> file, std::string_view table, const TableKeys& keys) {
   if (file.size() < kNameOffset + 1 || !std::equal(kMagic.begin(), kMagic.end(), file.begin())) {
     return "is damaged or no configuration table";
   }
   const unsigned version = static_cast<unsigned>(file[kVersionOffset]) << 8 | file[kVersionOffset + 1];
   if (version != kFormatVersion) {
-    return fmt::format("has format version {}, and this release reads version {}; use the release that wrote it", version,
-                       kFormatVersion);
+    return fmt::format("has format version {}, and this release reads version {}; use the release that wrote it",
+                       version, kFormatVersion);
   }
-  const auto name = file.subspan(kNameOffset + 1, std::min<std::size_t>(file[kNameOffset], file.size() - kNameOffset - 1));
+  const auto name =
+      file.subspan(kNameOffset + 1, std::min<std::size_t>(file[kNameOffset], file.size() - kNameOffset - 1));
   if (!std::equal(name.begin(), name.end(), table.begin(), table.end())) {
     return fmt::format("is damaged, or the file of another table in the place of table '{}'", table);
   }
@@ -90,7 +93,8 @@ bool decrypt(cipher::SecretBytes& payload, std::span<const unsigned char> file, 
                          file.data() + prefix - kNonceSize) == 1 &&
       EVP_DecryptUpdate(context.get(), nullptr, &length, file.data(), static_cast<int>(prefix)) == 1 &&
       EVP_DecryptUpdate(context.get(), payload.data(), &length, sealed.data(), static_cast<int>(sealed.size())) == 1 &&
-      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, const_cast<unsigned char*>(tag.data())) == 1 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize, const_cast<unsigned char*>(tag.data())) ==
+          1 &&
       EVP_DecryptFinal_ex(context.get(), payload.data() + sealed.size(), &length) == 1;
   payload.resize(opened ? sealed.size() : 0);
   return opened;

@@ -9,8 +9,8 @@
 //   18      1     length n of the table's name
 //   19      n     the table's name
 //   19+n    12    nonce
-//   31+n          the payload, encrypted with AES-256-GCM (NIST SP 800-38D); everything before it is authenticated with it
-//   end-16  16    authentication tag
+//   31+n          the payload, encrypted with AES-256-GCM (NIST SP 800-38D); everything before it is authenticated with
+//   it end-16  16    authentication tag
 #pragma once
 
 #include <array>
@@ -29,13 +29,14 @@ inline constexpr unsigned kFormatVersion = 1;
 inline constexpr std::size_t kMasterKeySize = 32;
 inline constexpr std::size_t kKeyNumberSize = 8;
 
-// Largest file of a table. A full table with texts at their limits takes about 7 MiB; query patterns have no fixed limit.
+// Largest file of a table. A full table with texts at their limits takes about 7 MiB; query patterns have no fixed
+// limit.
 inline constexpr std::size_t kMaxFileSize = std::size_t{64} << 20;
 
 // The keys of one table's file, derived from the master key by HKDF-SHA256 with a label each.
 struct TableKeys {
-  cipher::SecretArray<32> seal;                          // AES-256-GCM
-  cipher::SecretArray<32> check;                         // HMAC-SHA256 of the file-check string
+  cipher::SecretArray<32> seal;                           // AES-256-GCM
+  cipher::SecretArray<32> check;                          // HMAC-SHA256 of the file-check string
   std::array<unsigned char, kKeyNumberSize> number = {};  // tells master keys apart, and nothing about them
 };
 
@@ -46,9 +47,10 @@ bool deriveTableKeys(TableKeys& keys, std::span<const unsigned char> masterKey, 
 Result<std::vector<unsigned char>> sealPayload(std::span<const unsigned char> payload, std::string_view table,
                                                const TableKeys& keys);
 
-// Opens what sealPayload() made. The error's text is the reason alone, to follow the file's name: not a sealed file, of a later
-// format, of another table, of another master key, or damaged.
-Result<cipher::SecretBytes> openPayload(std::span<const unsigned char> file, std::string_view table, const TableKeys& keys);
+// Opens what sealPayload() made. The error's text is the reason alone, to follow the file's name: not a sealed file, of
+// a later format, of another table, of another master key, or damaged.
+Result<cipher::SecretBytes> openPayload(std::span<const unsigned char> file, std::string_view table,
+                                        const TableKeys& keys);
 
 // File-check string of a payload: the first 30 hexadecimal digits of its HMAC-SHA256. Empty when OpenSSL fails.
 std::string fileCheckString(std::span<const unsigned char> payload, const TableKeys& keys);

@@ -14,18 +14,42 @@
 
 namespace engine::store {
 
-int FileSystem::open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
-int FileSystem::close(int fd) { return ::close(fd); }
-ssize_t FileSystem::read(int fd, void* buffer, std::size_t size) { return ::read(fd, buffer, size); }
-ssize_t FileSystem::write(int fd, const void* buffer, std::size_t size) { return ::write(fd, buffer, size); }
-int FileSystem::fsync(int fd) { return ::fsync(fd); }
-int FileSystem::flock(int fd, int operation) { return ::flock(fd, operation); }
-int FileSystem::fstat(int fd, struct stat* out) { return ::fstat(fd, out); }
-int FileSystem::futimens(int fd, const struct timespec* times) { return ::futimens(fd, times); }
-int FileSystem::stat(const char* path, struct stat* out) { return ::stat(path, out); }
-int FileSystem::link(const char* from, const char* to) { return ::link(from, to); }
-int FileSystem::rename(const char* from, const char* to) { return std::rename(from, to); }
-int FileSystem::unlink(const char* path) { return ::unlink(path); }
+int FileSystem::open(const char* path, int flags, mode_t mode) {
+  return ::open(path, flags, mode);
+}
+int FileSystem::close(int fd) {
+  return ::close(fd);
+}
+ssize_t FileSystem::read(int fd, void* buffer, std::size_t size) {
+  return ::read(fd, buffer, size);
+}
+ssize_t FileSystem::write(int fd, const void* buffer, std::size_t size) {
+  return ::write(fd, buffer, size);
+}
+int FileSystem::fsync(int fd) {
+  return ::fsync(fd);
+}
+int FileSystem::flock(int fd, int operation) {
+  return ::flock(fd, operation);
+}
+int FileSystem::fstat(int fd, struct stat* out) {
+  return ::fstat(fd, out);
+}
+int FileSystem::futimens(int fd, const struct timespec* times) {
+  return ::futimens(fd, times);
+}
+int FileSystem::stat(const char* path, struct stat* out) {
+  return ::stat(path, out);
+}
+int FileSystem::link(const char* from, const char* to) {
+  return ::link(from, to);
+}
+int FileSystem::rename(const char* from, const char* to) {
+  return std::rename(from, to);
+}
+int FileSystem::unlink(const char* path) {
+  return ::unlink(path);
+}
 
 namespace {
 

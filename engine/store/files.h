@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The file system as the store uses it: every system call behind one interface, so that a test can make any of them fail, and
-// the few operations that are built on them.
+// The file system as the store uses it: every system call behind one interface, so that a test can make any of them
+// fail, and the few operations that are built on them.
 #pragma once
 
 #include <sys/stat.h>
@@ -78,8 +78,8 @@ enum class Links { refuse, follow };
 // Reads a regular file of at most `limit` bytes whole. A file that is larger, or no regular file, is an error.
 Result<FileImage> readFile(FileSystem& files, const std::string& path, std::size_t limit, Links links);
 
-// Writes `bytes` to a new file, mode 0600, and syncs it. What is left at `path` from a save that was cut short is replaced.
-// With `after`, the new file's modification time is made later than that. Nothing is left behind on failure.
+// Writes `bytes` to a new file, mode 0600, and syncs it. What is left at `path` from a save that was cut short is
+// replaced. With `after`, the new file's modification time is made later than that. Nothing is left behind on failure.
 Result<FileIdentity> writeFile(FileSystem& files, const std::string& path, std::span<const unsigned char> bytes,
                                std::optional<std::int64_t> after = std::nullopt);
 

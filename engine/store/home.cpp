@@ -32,8 +32,9 @@ Status checkDirectory(FileSystem& files, const std::string& directory) {
   if (files.stat(directory.c_str(), &status) != 0) {
     if (errno == ENOENT) {
       return Error{Error::Kind::system,
-                   shownPath(directory) + ": the configuration home does not exist; make it with kezu-admin init, or set "
-                                          "KEZU_HOME of the server to where it is"};
+                   shownPath(directory) +
+                       ": the configuration home does not exist; make it with kezu-admin init, or set "
+                       "KEZU_HOME of the server to where it is"};
     }
     return systemError(directory, "the configuration home cannot be examined");
   }
@@ -41,9 +42,10 @@ Status checkDirectory(FileSystem& files, const std::string& directory) {
     return invalid(directory, "is not a directory; set KEZU_HOME of the server to the configuration home");
   }
   if (status.st_uid != geteuid()) {
-    return invalid(directory, fmt::format("the configuration home belongs to user number {} and the server runs as {}; give "
-                                          "it to the server's user with chown -R",
-                                          status.st_uid, geteuid()));
+    return invalid(directory,
+                   fmt::format("the configuration home belongs to user number {} and the server runs as {}; give "
+                               "it to the server's user with chown -R",
+                               status.st_uid, geteuid()));
   }
   if ((status.st_mode & kGroupAndOthers) != 0) {
     return invalid(directory, fmt::format("the configuration home is open to other users (mode {:04o}); close it with "
@@ -54,8 +56,8 @@ Status checkDirectory(FileSystem& files, const std::string& directory) {
 }
 
 // One key of a table of kezu.toml: the value must be a text that is a path.
-Status readPath(const toml::node& value, const std::string& source, const std::string& key, const std::string& directory,
-                std::string& path) {
+Status readPath(const toml::node& value, const std::string& source, const std::string& key,
+                const std::string& directory, std::string& path) {
   const auto text = value.value_exact<std::string>();
   if (!text || text->empty() || text->find('\0') != std::string::npos) {
     return invalid(source, value.source(), "'" + key + "' must be a path in quotes");
@@ -128,8 +130,8 @@ std::string configuredHome() {
 
 Status checkPrivate(const struct stat& status, const std::string& path) {
   if ((status.st_mode & kGroupAndOthers) != 0) {
-    return invalid(path, fmt::format("is open to other users (mode {:04o}); close it with chmod 600",
-                                     status.st_mode & 07777));
+    return invalid(
+        path, fmt::format("is open to other users (mode {:04o}); close it with chmod 600", status.st_mode & 07777));
   }
   return {};
 }

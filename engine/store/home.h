@@ -27,12 +27,12 @@ struct Home {
 // KEZU_HOME where it is set and not empty, else /var/lib/kezu. As it is: openHome() checks it.
 std::string configuredHome();
 
-// Checks a home and reads its kezu.toml. The directory must be named by an absolute path, belong to the effective user, and be
-// closed to group and others. The error says what to do.
+// Checks a home and reads its kezu.toml. The directory must be named by an absolute path, belong to the effective user,
+// and be closed to group and others. The error says what to do.
 Result<Home> openHome(FileSystem& files, const std::string& directory);
 
-// Settings of kezu.toml, each optional; a relative path starts at the home. A key that is not listed here, or a value of another
-// type, is refused with the file and the line.
+// Settings of kezu.toml, each optional; a relative path starts at the home. A key that is not listed here, or a value
+// of another type, is refused with the file and the line.
 //
 //   [paths]
 //   master_key = "master.key"   # the master key, for instance on another medium

@@ -15,7 +15,9 @@ namespace {
 
 // Settings
 
-NoSettings captureSettings(const NoSettings& /*type*/) { return {}; }
+NoSettings captureSettings(const NoSettings& /*type*/) {
+  return {};
+}
 void publishSettings(const NoSettings& /*settings*/) noexcept {}
 
 PolicySettings captureSettings(const PolicySettings& /*type*/) {
@@ -29,24 +31,32 @@ void publishSettings(const PolicySettings& settings) noexcept {
   kezu::publish(g_kmsMode, static_cast<Q7KmsMode>(settings.kmsMode));
 }
 
-AccessSettings captureSettings(const AccessSettings& /*type*/) { return {kezu::observe(g_accessControlMode)}; }
+AccessSettings captureSettings(const AccessSettings& /*type*/) {
+  return {kezu::observe(g_accessControlMode)};
+}
 void publishSettings(const AccessSettings& settings) noexcept {
   kezu::publish(g_accessControlMode, static_cast<Q7AccessControlMode>(settings.accessControlMode));
 }
 
-PrivilegeSettings captureSettings(const PrivilegeSettings& /*type*/) { return {kezu::observe(g_decryptDenyMode)}; }
+PrivilegeSettings captureSettings(const PrivilegeSettings& /*type*/) {
+  return {kezu::observe(g_decryptDenyMode)};
+}
 void publishSettings(const PrivilegeSettings& settings) noexcept {
   kezu::publish(g_decryptDenyMode, static_cast<Q7DecryptDenyMode>(settings.decryptDenyMode));
 }
 
-QueryPrivSettings captureSettings(const QueryPrivSettings& /*type*/) { return {kezu::observe(g_doubleEncryptMode)}; }
+QueryPrivSettings captureSettings(const QueryPrivSettings& /*type*/) {
+  return {kezu::observe(g_doubleEncryptMode)};
+}
 void publishSettings(const QueryPrivSettings& settings) noexcept {
   kezu::publish(g_doubleEncryptMode, settings.doubleEncryptMode);
 }
 
 // Records
 
-int countOf(const int& counter, int capacity) noexcept { return std::clamp(kezu::observe(counter), 0, capacity); }
+int countOf(const int& counter, int capacity) noexcept {
+  return std::clamp(kezu::observe(counter), 0, capacity);
+}
 
 template <typename Data, std::size_t N>
 void captureRecords(Data& data, const typename Data::Record (&array)[N], const int& counter) {
@@ -93,7 +103,8 @@ struct Records<TableInfoData> {
   static void publish(TableInfoData& data) noexcept { publishRecords(data, g_tableInfo, g_numberOftableInfo); }
 };
 
-// Administrators: their sessions, failure counts and locks live in memory only, and go on for those who are still there.
+// Administrators: their sessions, failure counts and locks live in memory only, and go on for those who are still
+// there.
 template <>
 struct Records<UserData> {
   static void capture(UserData& data) { captureRecords(data, g_userInfo, g_numberOfUserInfo); }
@@ -146,8 +157,8 @@ struct Records<QueryPrivData> {
     const int count = countOf(g_numberOfQueryPriv, kMaxQueryPrivs);
     for (int i = 0; i < count; ++i) {
       const Q7QueryPriv& rule = g_queryPriv[i].queryPriv;
-      data.records.push_back({rule.queryType, rule.p_queryType, rule.queryPattern, rule.p_queryPattern, rule.decAction,
-                              rule.encAction});
+      data.records.push_back(
+          {rule.queryType, rule.p_queryType, rule.queryPattern, rule.p_queryPattern, rule.decAction, rule.encAction});
     }
   }
 
@@ -310,7 +321,7 @@ const std::array<const Table*, kTableCount>& allTables() noexcept {
   static const TableOf<QueryPrivData> queryPriv("querypriv", &g_last_queryPriv_KezuFileChkStr);
   static const TableOf<TableInfoData> tableInfo("tableinfo");
   static const TableOf<UserData> user("user");
-  static const std::array<const Table*, kTableCount> tables = {&policy,    &column, &access, &privilege,
+  static const std::array<const Table*, kTableCount> tables = {&policy,    &column,    &access, &privilege,
                                                                &queryPriv, &tableInfo, &user};
   return tables;
 }

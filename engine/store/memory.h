@@ -57,6 +57,8 @@ inline constexpr std::size_t kTableCount = 7;
 // The tables, in the order of TableId.
 const std::array<const Table*, kTableCount>& allTables() noexcept;
 
-inline const Table& tableOf(TableId id) noexcept { return *allTables()[static_cast<std::size_t>(id)]; }
+inline const Table& tableOf(TableId id) noexcept {
+  return *allTables()[static_cast<std::size_t>(id)];
+}
 
 }  // namespace engine::store

@@ -9,7 +9,8 @@
 
 namespace engine::store {
 
-// Why an operation failed. The text names the path and the reason, in words for an administrator. It never holds a secret.
+// Why an operation failed. The text names the path and the reason, in words for an administrator. It never holds a
+// secret.
 struct Error {
   enum class Kind {
     system,    // the system refused: the text has its reason
@@ -24,7 +25,7 @@ struct Error {
 template <typename T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : state_(std::move(value)) {}      // NOLINT(google-explicit-constructor): so that return reads plainly
+  Result(T value) : state_(std::move(value)) {}  // NOLINT(google-explicit-constructor): so that return reads plainly
   Result(Error error) : state_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
   bool ok() const noexcept { return state_.index() == 0; }

@@ -14,13 +14,17 @@ Error at(const std::string& path, const Error& reason) {
   return {reason.kind, shownPath(path) + ": " + reason.text};
 }
 
+Error advised(const Error& error) {
+  return {error.kind, error.text + "; see what can be restored with kezu-admin verify"};
+}
+
 Error conflict(const std::string& path) {
   return {Error::Kind::conflict,
           shownPath(path) + ": was changed by another process in the meantime, and is not overwritten; try again"};
 }
 
-// Keeps the current version of `path` as `path`.bak. A save that was cut short may have left the two names on one file already;
-// rename() then does nothing, and the name in between is removed.
+// Keeps the current version of `path` as `path`.bak. A save that was cut short may have left the two names on one file
+// already; rename() then does nothing, and the name in between is removed.
 Status keepOld(FileSystem& files, const std::string& path) {
   const std::string backup = path + ".bak";
   const std::string between = path + ".bak.tmp";
@@ -45,14 +49,14 @@ Result<TableImage> openTableFile(FileSystem& files, const std::string& path, con
                                  const TableKeys& keys) {
   auto image = readFile(files, path, kMaxFileSize, Links::refuse);
   if (!image.ok()) {
-    return Error{image.error().kind, image.error().text + "; see what can be restored with kezu-admin verify"};
+    return image.error();
   }
   if (Status status = checkPrivate(image.value().status, path); !status.ok()) {
     return status.error();
   }
   auto payload = openPayload(image.value().bytes, table.name(), keys);
   if (!payload.ok()) {
-    return at(path, {payload.error().kind, payload.error().text + "; see what can be restored with kezu-admin verify"});
+    return at(path, payload.error());
   }
   std::string check = fileCheckString(payload.value(), keys);
   return TableImage{std::move(payload.value()), identityOf(image.value().status), std::move(check)};
@@ -73,9 +77,13 @@ Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {
   return store;
 }
 
-std::string Store::path(const Entry& entry) const { return home_.file(std::string(entry.table->name()) + kSuffix); }
+std::string Store::path(const Entry& entry) const {
+  return home_.file(std::string(entry.table->name()) + kSuffix);
+}
 
-std::string Store::path(TableId id) const { return path(entry(id)); }
+std::string Store::path(TableId id) const {
+  return path(entry(id));
+}
 
 Status Store::loadAll() {
   std::vector<Entry*> all;
@@ -124,7 +132,7 @@ Status Store::load(TableId id, const std::string& source) {
 Result<bool> Store::changed(const Entry& entry) const {
   auto status = statFile(files_, path(entry));
   if (!status.ok()) {
-    return Error{status.error().kind, status.error().text + "; see what can be restored with kezu-admin verify"};
+    return advised(status.error());
   }
   return identityOf(status.value()) != entry.identity;
 }
@@ -132,11 +140,11 @@ Result<bool> Store::changed(const Entry& entry) const {
 Result<Store::Staged> Store::stage(Entry& entry, const std::string& path) const {
   auto image = openTableFile(files_, path, *entry.table, entry.keys);
   if (!image.ok()) {
-    return image.error();
+    return advised(image.error());
   }
   auto table = entry.table->stage(image.value().payload);
   if (!table.ok()) {
-    return at(path, table.error());
+    return advised(at(path, table.error()));
   }
   return Staged{&entry, std::move(table.value()), image.value().identity, std::move(image.value().checkString)};
 }
@@ -184,7 +192,8 @@ Status Store::save(TableId id) {
     return conflict(path(mine));
   }
   if (Status status = mine.table->check(payload); !status.ok()) {
-    return at(path(mine), {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
+    return at(path(mine),
+              {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
   }
   Status status = write(mine, payload);
   if (status.ok()) {

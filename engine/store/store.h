@@ -42,8 +42,8 @@ class Store {
   // Loads every table, or none on failure.
   Status loadAll();
 
-  // Loads every table whose file is not the one last loaded or saved here, or none on failure. One stat a file when nothing
-  // changed.
+  // Loads every table whose file is not the one last loaded or saved here, or none on failure. One stat a file when
+  // nothing changed.
   Status reloadChanged();
 
   // The same for one table.
@@ -52,15 +52,16 @@ class Store {
   // Loads a table from its file, or from the file at `source` if that is not empty, changed or not.
   Status load(TableId id, const std::string& source);
 
-  // Saves a table. Fails with Error::Kind::conflict, with nothing written, when the file on disk is not the one last loaded or
-  // saved here, or when a reload replaced the table while a change of it was being made.
+  // Saves a table. Fails with Error::Kind::conflict, with nothing written, when the file on disk is not the one last
+  // loaded or saved here, or when a reload replaced the table while a change of it was being made.
   //
-  // The order of steps keeps the file and, once there was a save, its .bak whole at every instant: the new version is complete
-  // and synced before anything is renamed, the .bak is replaced by a link to the old version in one rename, and then the
-  // file by the new one in another.
+  // The order of steps keeps the file and, once there was a save, its .bak whole at every instant: the new version is
+  // complete and synced before anything is renamed, the .bak is replaced by a link to the old version in one rename,
+  // and then the file by the new one in another.
   Status save(TableId id);
 
-  // Takes the table as it is in memory for one that belongs there: the next reload need not take it for a change under way.
+  // Takes the table as it is in memory for one that belongs there: the next reload need not take it for a change under
+  // way.
   void acceptMemory(TableId id);
 
  private:
