@@ -133,7 +133,8 @@ class SuiteTable {
 }  // namespace
 
 const Suite* findSuite(int algorithm, int blockMode) noexcept {
-  static const SuiteTable* const table = new (std::nothrow) SuiteTable;  // never freed: threads may encrypt until the end
+  static const SuiteTable* const table =
+      new (std::nothrow) SuiteTable;  // never freed: threads may encrypt until the end
   if (table == nullptr || algorithm < 0 || algorithm >= kAlgorithms || blockMode < 0 || blockMode >= kBlockModes) {
     return nullptr;
   }

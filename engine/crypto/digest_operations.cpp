@@ -23,7 +23,8 @@ bool usable(const unsigned char* out, const unsigned int* outLen, const unsigned
   return out != nullptr && outLen != nullptr && (in != nullptr || inLen == 0) && cipher::isDigest(algorithm);
 }
 
-int hash(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm) noexcept {
+int hash(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
+         int algorithm) noexcept {
   if (outLen != nullptr) *outLen = 0;
   if (!usable(out, outLen, in, inLen, algorithm)) return 1;
   const auto chosen = static_cast<Digest>(algorithm);
@@ -61,11 +62,13 @@ bool hmacOnce(const PolicyCopy& policy, Digest algorithm, unsigned char* out, By
 
 extern "C" {
 
-int Q7_HashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm) {
+int Q7_HashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
+                  int algorithm) {
   return engine::hash(out, outLen, in, inLen, algorithm);
 }
 
-int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm) {
+int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
+                   int algorithm) {
   return engine::hash(out, outLen, in, inLen, algorithm);
 }
 

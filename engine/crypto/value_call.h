@@ -22,7 +22,8 @@ class ValueCall {
         outLen_(outLen),
         value_(in, inLen),
         capacity_(outLen == nullptr ? 0 : *outLen),
-        valid_(outLen != nullptr && (out != nullptr || *outLen == 0) && (in != nullptr || inLen == 0) && inLen <= INT_MAX) {}
+        valid_(outLen != nullptr && (out != nullptr || *outLen == 0) && (in != nullptr || inLen == 0) &&
+               inLen <= INT_MAX) {}
 
   // Whether the pointers and the length can be worked with.
   bool valid() const noexcept { return valid_; }

@@ -46,7 +46,8 @@ class ValueFormat {
 
   Bytes flag() const noexcept { return flag_; }
 
-  // Whether a value of `size` bytes, clear or encrypted, is stored as it is: one that ends before the range to encrypt begins.
+  // Whether a value of `size` bytes, clear or encrypted, is stored as it is: one that ends before the range to encrypt
+  // begins.
   bool leavesAsIs(std::size_t size) const noexcept { return partial_ && size <= position_; }
 
   // Bytes that a text of `size` bytes becomes: raw, and with flag and text encoding. At most 2^34.
@@ -74,8 +75,8 @@ class ValueFormat {
   // Bytes that encoded text, its flag left off, takes when it is decoded.
   std::size_t decodedSize(Bytes text) const noexcept;
 
-  // Decodes text, its flag left off, into `room` (decodedSize() bytes, not used by the raw encoding). Returns the raw bytes,
-  // nothing when the text is not of the encoding's form.
+  // Decodes text, its flag left off, into `room` (decodedSize() bytes, not used by the raw encoding). Returns the raw
+  // bytes, nothing when the text is not of the encoding's form.
   std::optional<Bytes> decode(unsigned char* room, Bytes text) const noexcept;
 
   // The parts of a raw value; nothing when its version is another or it is too short.
