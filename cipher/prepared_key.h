@@ -43,7 +43,7 @@ class PreparedKey {
   PreparedKey& operator=(const PreparedKey&) = delete;
   ~PreparedKey() { OPENSSL_cleanse(&material_, sizeof material_); }
 
-  const Suite& suite() const noexcept { return suite_; }
+  [[nodiscard]] const Suite& suite() const noexcept { return suite_; }
 
   // Encrypts a text.
   //   out         suite().cipherSize(text.size()) bytes.
@@ -74,7 +74,7 @@ class PreparedKey {
   using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
-  Context makeContext(bool encrypting) const noexcept;
+  [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
   EVP_CIPHER_CTX* restartSiv(Context& copy, bool encrypting, std::initializer_list<Bytes> components) noexcept;
 

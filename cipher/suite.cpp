@@ -80,7 +80,7 @@ class SuiteTable {
     forgetErrors();
   }
 
-  const Offer& at(int algorithm, int blockMode) const noexcept {
+  [[nodiscard]] const Offer& at(int algorithm, int blockMode) const noexcept {
     return offers_[static_cast<std::size_t>(algorithm)][static_cast<std::size_t>(blockMode)];
   }
 
