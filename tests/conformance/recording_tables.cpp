@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The engine's globals. The policy counts and the active-slot flag stand on memory pages of their own, so that a test can
-// watch the order in which they are written. The name tables hold texts of these tests' own, so that a test that sees
-// one knows that it was read from the table.
+// The engine's globals. The policy counts and the active-slot flag stand on memory pages of their own, so that a test
+// can watch the order in which they are written. The name tables hold texts of these tests' own, so that a test that
+// sees one knows that it was read from the table.
 #include "recording_tables.h"
 
 #include <cstring>
@@ -44,9 +44,9 @@ char g_last_privilege_KezuFileChkStr[kFileChkStrSize];
 char g_last_queryPriv_KezuFileChkStr[kFileChkStrSize];
 
 const char* const Q7EncryptionAlgorithmStr[kAlgorithmCount] = {
-    "alg zero",     "alg one",       "alg two",      "alg three",   "alg four",      "alg five",    "alg six",
-    "alg seven",    "alg eight",     "alg nine",     "alg ten",     "alg eleven",    "alg twelve",  "alg thirteen",
-    "alg fourteen", "alg fifteen",   "alg sixteen",  "alg seventeen", "alg eighteen", "alg nineteen", "alg twenty"};
+    "alg zero",     "alg one",     "alg two",     "alg three",     "alg four",     "alg five",     "alg six",
+    "alg seven",    "alg eight",   "alg nine",    "alg ten",       "alg eleven",   "alg twelve",   "alg thirteen",
+    "alg fourteen", "alg fifteen", "alg sixteen", "alg seventeen", "alg eighteen", "alg nineteen", "alg twenty"};
 const char* const Q7EncryptionIVTypeStr[kIvTypeCount] = {"iv zero", "iv one"};
 const char* const Q7EncryptionBlockModeTypeStr[kBlockModeCount] = {
     "block zero", "block one",   "block two",   "block three", "block four", "block five",

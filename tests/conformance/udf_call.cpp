@@ -138,8 +138,7 @@ StringResult::StringResult() : buffer(std::make_unique<char[]>(kServerBuffer + k
 }
 
 bool StringResult::isGuardIntact(std::size_t from) const {
-  return std::all_of(buffer.get() + from, buffer.get() + kServerBuffer + kGuard,
-                     [](char c) { return c == kPattern; });
+  return std::all_of(buffer.get() + from, buffer.get() + kServerBuffer + kGuard, [](char c) { return c == kPattern; });
 }
 
 StringResult call(StringFunction function, Arguments& arguments) {

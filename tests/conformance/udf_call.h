@@ -71,8 +71,8 @@ inline IntegerResult failure(long long number = 0) {
 IntegerResult call(IntegerFunction function, Arguments& arguments);
 IntegerResult call(IntegerFunction function, Arguments&& arguments);
 
-// What a string function gave back. The server's result buffer lives as long as this object, with a guard behind its 255
-// bytes.
+// What a string function gave back. The server's result buffer lives as long as this object, with a guard behind its
+// 255 bytes.
 class StringResult {
  public:
   static constexpr std::size_t kServerBuffer = 255;

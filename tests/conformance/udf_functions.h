@@ -10,8 +10,8 @@ using IntegerFunction = long long (*)(UDF_INIT*, UDF_ARGS*, char*, char*);
 using StringFunction = char* (*)(UDF_INIT*, UDF_ARGS*, char*, unsigned long*, char*, char*);
 
 // The deinit is declared weak: its address is null where the library defines none.
-#define DECLARE_UDF(name)                                                \
-  frame::ServerBool name##_init(UDF_INIT*, UDF_ARGS*, char* message);    \
+#define DECLARE_UDF(name)                                             \
+  frame::ServerBool name##_init(UDF_INIT*, UDF_ARGS*, char* message); \
   __attribute__((weak)) void name##_deinit(UDF_INIT*)
 #define DECLARE_INTEGER_UDF(name) \
   DECLARE_UDF(name);              \
