@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -82,17 +83,16 @@ auto IsEvent(int level, Texts... texts) {
   return ::testing::AllOf(EventAtLevel(level), ::testing::Field(&Event::texts, ElementsAre(std::string(texts)...)));
 }
 
-// Runs the statement in a new process, in which no start flag of the library is set yet, whatever ran before it here.
-// Its failures fail the test. The code before it in the test runs in both processes.
-#define IN_NEW_PROCESS(...)                                 \
-  do {                                                      \
-    GTEST_FLAG_SET(death_test_style, "threadsafe");         \
-    EXPECT_EXIT(                                            \
-        {                                                   \
-          [&]() __VA_ARGS__();                              \
-          std::exit(::testing::Test::HasFailure() ? 1 : 0); \
-        },                                                  \
-        ::testing::ExitedWithCode(0), "");                  \
-  } while (false)
+// Runs `body` in a new process, in which no start flag of the library is set yet, whatever ran before it here. Its
+// failures fail the test. The code before it in the test runs in both processes.
+inline void inNewProcess(const std::function<void()>& body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        body();
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
 
 }  // namespace conformance

@@ -102,15 +102,11 @@ UDF_ARGS* Arguments::get() {
     pointers_.push_back(bytes.get());
   }
   maybe_null_.assign(types_.size(), 1);
-  attributes_.assign(types_.size(), nullptr);
-  attribute_lengths_.assign(types_.size(), 0);
   args_.arg_count = static_cast<unsigned int>(types_.size());
   args_.arg_type = types_.data();
   args_.args = pointers_.data();
   args_.lengths = lengths_.data();
   args_.maybe_null = maybe_null_.data();
-  args_.attributes = attributes_.data();
-  args_.attribute_lengths = attribute_lengths_.data();
   return &args_;
 }
 

@@ -43,8 +43,6 @@ class Arguments {
   std::vector<unsigned long> lengths_;
   std::vector<char*> pointers_;
   std::vector<char> maybe_null_;
-  std::vector<char*> attributes_;
-  std::vector<unsigned long> attribute_lengths_;
   UDF_ARGS args_ = {};
 };
 
