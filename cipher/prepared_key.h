@@ -53,8 +53,8 @@ class PreparedKey {
   //   text        must not overlap out; text and cipher text have at most 2^31 - 1 bytes.
   // Not for one-way suites. False, with the contents of out and tag unspecified, when OpenSSL fails.
   //
-  // No allocation, no lock and no key schedule after the first call, with one exception: SIV with associated data or a
-  // nonce, whose OpenSSL context cannot be set back and is copied for each text (about a microsecond).
+  // No allocation, no lock and no key schedule after the first call. SIV is the exception: OpenSSL cannot set its
+  // context back, so every text takes a copy of one (about a microsecond).
   bool encrypt(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;
 
   // Decrypts what encrypt() made. The same rules; `out` may hold fewer bytes than the text needs.
@@ -76,7 +76,7 @@ class PreparedKey {
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
   [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
-  EVP_CIPHER_CTX* restartSiv(Context& copy, bool encrypting, std::initializer_list<Bytes> components) noexcept;
+  Context startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept;
 
   bool encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcept;
   bool encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;
