@@ -48,11 +48,18 @@ std::vector<Vector> readVectors() {
 }
 
 const Suite* suiteNamed(const std::string& name) {
-  static const std::map<std::string, int> kAlgorithms = {
-      {"aes-128", test::AES128},           {"aes-192", test::AES192},           {"aes-256", test::AES256},
-      {"aria-128", test::ARIA128},         {"aria-192", test::ARIA192},         {"aria-256", test::ARIA256},
-      {"seed", test::SEED128},             {"camellia-128", test::CAMELLIA128}, {"camellia-192", test::CAMELLIA192},
-      {"camellia-256", test::CAMELLIA256}, {"sm4", test::SM4},                  {"des-ede3", test::TDES168}};
+  static const std::map<std::string, int> kAlgorithms = {{"aes-128", test::AES128},
+                                                         {"aes-192", test::AES192},
+                                                         {"aes-256", test::AES256},
+                                                         {"aria-128", test::ARIA128},
+                                                         {"aria-192", test::ARIA192},
+                                                         {"aria-256", test::ARIA256},
+                                                         {"seed", test::SEED128},
+                                                         {"camellia-128", test::CAMELLIA128},
+                                                         {"camellia-192", test::CAMELLIA192},
+                                                         {"camellia-256", test::CAMELLIA256},
+                                                         {"sm4", test::SM4},
+                                                         {"des-ede3", test::TDES168}};
   static const std::map<std::string, int> kModes = {
       {"ecb", test::ECB}, {"cbc", test::CBC}, {"cfb", test::CFB}, {"cfb8", test::CFB8}, {"ofb", test::OFB},
       {"ctr", test::CTR}, {"gcm", test::GCM}, {"ccm", test::CCM}, {"siv", test::SIV},   {"ocb", test::OCB}};
@@ -71,8 +78,8 @@ Data part(const Data& bytes, std::size_t from, std::size_t size) {
   return {bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.begin() + static_cast<std::ptrdiff_t>(from + size)};
 }
 
-// A vector for ChaCha20 says at which block of the key stream it starts: as many blocks of zeros go in front of its text. Returns
-// their size.
+// A vector for ChaCha20 says at which block of the key stream it starts: as many blocks of zeros go in front of its
+// text. Returns their size.
 std::size_t moveToCounter(Vector& vector) {
   EXPECT_EQ(part(vector.iv, 1, 3), Data(3));
   const std::size_t skipped = 64 * std::size_t{vector.iv[0]};
@@ -81,8 +88,8 @@ std::size_t moveToCounter(Vector& vector) {
   return skipped;
 }
 
-// Runs a vector both ways, twice, the second time with contexts that were used before. The suite takes the vector's nonce and
-// tag sizes.
+// Runs a vector both ways, twice, the second time with contexts that were used before. The suite takes the vector's
+// nonce and tag sizes.
 void check(Vector vector) {
   SCOPED_TRACE(vector.cipher + ", " + vector.source + ", text " + toHex(vector.text));
   const Suite* offered = suiteNamed(vector.cipher);
@@ -123,9 +130,10 @@ TEST(CipherVectors, EveryCombinationHasOne) {
       const Suite* suite = cipher::findSuite(algorithm, mode);
       const bool composed = std::count(std::begin(authenticatedWithHmac), std::end(authenticatedWithHmac), mode) != 0;
       // No vectors were published for these; the next tests and the whole-chain tests check them.
-      const bool unpublished = (mode == test::CFB8 && algorithm >= test::CAMELLIA128 && algorithm <= test::CAMELLIA256) ||
-                               (mode == test::OCB && algorithm != test::AES128) ||
-                               (algorithm == test::ARIA192 && (mode == test::GCM || mode == test::CCM));
+      const bool unpublished =
+          (mode == test::CFB8 && algorithm >= test::CAMELLIA128 && algorithm <= test::CAMELLIA256) ||
+          (mode == test::OCB && algorithm != test::AES128) ||
+          (algorithm == test::ARIA192 && (mode == test::GCM || mode == test::CCM));
       if (suite == nullptr || composed || unpublished) continue;
       EXPECT_GT(seen[suite], 0) << "algorithm " << algorithm << ", mode " << mode;
     }
@@ -153,7 +161,8 @@ TEST_P(OcbIteration, ReachesThePublishedTag) {
   Data all;
   for (unsigned int i = 0; i < 128; ++i) {
     const Data zeros(i);
-    for (const Data& piece : {ocb(key, 3 * i + 1, zeros, zeros), ocb(key, 3 * i + 2, {}, zeros), ocb(key, 3 * i + 3, zeros, {})}) {
+    for (const Data& piece :
+         {ocb(key, 3 * i + 1, zeros, zeros), ocb(key, 3 * i + 2, {}, zeros), ocb(key, 3 * i + 3, zeros, {})}) {
       all.insert(all.end(), piece.begin(), piece.end());
     }
   }

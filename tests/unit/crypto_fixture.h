@@ -21,7 +21,9 @@ namespace test {
 
 using Data = std::vector<unsigned char>;
 
-inline Data bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+inline Data bytesOf(std::string_view text) {
+  return {text.begin(), text.end()};
+}
 
 inline Data fromHex(std::string_view digits) {
   if (digits.size() % 2 != 0) throw std::invalid_argument("odd number of digits");
@@ -62,8 +64,26 @@ inline std::string readFile(const std::string& path) {
 }
 
 // Codes of Q7_AddPolicyInfo, as docs/ciphertext.md has them.
-enum Algorithm { AES128, AES192, AES256, ARIA128, ARIA192, ARIA256, SEED128, CAMELLIA128, CAMELLIA192, CAMELLIA256, SM4,
-                 TDES168, CHACHA20, HMAC_SHA256, HMAC_SHA512, HMAC_HAS160, AES128_NI = 19, AES256_NI = 20 };
+enum Algorithm {
+  AES128,
+  AES192,
+  AES256,
+  ARIA128,
+  ARIA192,
+  ARIA256,
+  SEED128,
+  CAMELLIA128,
+  CAMELLIA192,
+  CAMELLIA256,
+  SM4,
+  TDES168,
+  CHACHA20,
+  HMAC_SHA256,
+  HMAC_SHA512,
+  HMAC_HAS160,
+  AES128_NI = 19,
+  AES256_NI = 20
+};
 enum BlockMode { ECB, CBC, CFB, OFB, CTR, GCM, CCM, SIV, CBC_HMAC, CFB8, CTR_HMAC, OCB };
 enum IvType { DETERMINISTIC, RANDOM };
 enum Encoding { RAW, BASE64, HEX };
@@ -75,8 +95,8 @@ struct PolicyParameters {
   int strMode = RAW;
   int encPos = 0;
   int encLen = 0;
-  std::string flag;
-  Data columnKey;  // empty: drawn
+  std::string flag{};
+  Data columnKey{};  // empty: drawn
   std::string name = "p1";
 };
 
@@ -106,7 +126,8 @@ class Policy {
   bool made_ = false;
 };
 
-using Operation = int (*)(unsigned char*, unsigned int*, const unsigned char*, unsigned int, Q7EncPolicyInfo*, _BCipherKey*);
+using Operation = int (*)(unsigned char*, unsigned int*, const unsigned char*, unsigned int, Q7EncPolicyInfo*,
+                          _BCipherKey*);
 
 // A result: what the operation returned, the length that it reported, and, where it returned 0, the bytes.
 struct Result {
@@ -115,8 +136,8 @@ struct Result {
   Data bytes;
 };
 
-// Runs an operation with an output of exactly `capacity` bytes and inputs of exactly their size, so that a sanitizer sees a byte
-// too many.
+// Runs an operation with an output of exactly `capacity` bytes and inputs of exactly their size, so that a sanitizer
+// sees a byte too many.
 inline Result run(Operation operation, const Data& in, const Q7EncPolicyInfo& record, BCipherKey handle,
                   unsigned int capacity) {
   std::unique_ptr<unsigned char[]> out(new unsigned char[capacity]);
