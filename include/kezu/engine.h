@@ -334,7 +334,7 @@ int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char
 
 // HMAC (RFC 2104) of inLen bytes under the policy's HMAC key. out holds at least 64 bytes. `policy` is a record of
 // g_encPolicyArray, or a copy of one. Returns 0; non-zero (outLen 0) for an unknown algorithm identifier or a policy without
-// a key.
+// a key. A record of the table is without a key when its handle in g_makeKeyArray is null, wiped or another policy's.
 int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm,
                    Q7EncPolicyInfo* policy);
 
