@@ -18,8 +18,8 @@ constexpr unsigned char kInnerPad = 0x36;  // RFC 2104, section 2
 constexpr unsigned char kOuterPad = 0x5c;
 constexpr std::size_t kHas160Size = 20;
 
-// The calling thread's HAS-160 digest. librhash allocates a context for each digest that it starts; this one is started once
-// and reset.
+// The calling thread's HAS-160 digest. librhash allocates a context for each digest that it starts; this one is started
+// once and reset.
 class Has160 {
  public:
   Has160() noexcept {
@@ -49,8 +49,8 @@ class Has160 {
   }
 
  private:
-  // librhash keeps the last block of what it hashed. A block of zeros, in two pieces so that it goes through that buffer,
-  // overwrites it.
+  // librhash keeps the last block of what it hashed. A block of zeros, in two pieces so that it goes through that
+  // buffer, overwrites it.
   void wipe() noexcept {
     static constexpr std::array<unsigned char, HmacHas160::kBlock> kZeros{};
     rhash_reset(context_);
@@ -98,17 +98,35 @@ void padBlock(SecretArray<Block>& padded, const unsigned char (&key)[Block], uns
 
 }  // namespace
 
-bool Sha1::init(Context& context) noexcept { return SHA1_Init(&context) == 1; }
-void Sha1::update(Context& context, Bytes data) noexcept { SHA1_Update(&context, data.data(), data.size()); }
-void Sha1::final(Context& context, unsigned char* out) noexcept { SHA1_Final(out, &context); }
+bool Sha1::init(Context& context) noexcept {
+  return SHA1_Init(&context) == 1;
+}
+void Sha1::update(Context& context, Bytes data) noexcept {
+  SHA1_Update(&context, data.data(), data.size());
+}
+void Sha1::final(Context& context, unsigned char* out) noexcept {
+  SHA1_Final(out, &context);
+}
 
-bool Sha256::init(Context& context) noexcept { return SHA256_Init(&context) == 1; }
-void Sha256::update(Context& context, Bytes data) noexcept { SHA256_Update(&context, data.data(), data.size()); }
-void Sha256::final(Context& context, unsigned char* out) noexcept { SHA256_Final(out, &context); }
+bool Sha256::init(Context& context) noexcept {
+  return SHA256_Init(&context) == 1;
+}
+void Sha256::update(Context& context, Bytes data) noexcept {
+  SHA256_Update(&context, data.data(), data.size());
+}
+void Sha256::final(Context& context, unsigned char* out) noexcept {
+  SHA256_Final(out, &context);
+}
 
-bool Sha512::init(Context& context) noexcept { return SHA512_Init(&context) == 1; }
-void Sha512::update(Context& context, Bytes data) noexcept { SHA512_Update(&context, data.data(), data.size()); }
-void Sha512::final(Context& context, unsigned char* out) noexcept { SHA512_Final(out, &context); }
+bool Sha512::init(Context& context) noexcept {
+  return SHA512_Init(&context) == 1;
+}
+void Sha512::update(Context& context, Bytes data) noexcept {
+  SHA512_Update(&context, data.data(), data.size());
+}
+void Sha512::final(Context& context, unsigned char* out) noexcept {
+  SHA512_Final(out, &context);
+}
 
 bool digest(Digest algorithm, unsigned char* out, Bytes data) noexcept {
   switch (algorithm) {
@@ -181,6 +199,8 @@ bool HmacHas160::compute(unsigned char* out, std::span<const Bytes> parts) const
   return round(inner.bytes, kInnerPad, parts) && round(out, kOuterPad, {&innerDigest, 1});
 }
 
+// The states' constructors do not throw, so neither does emplace().
+// NOLINTNEXTLINE(bugprone-exception-escape)
 Hmac::Hmac(Digest algorithm, Bytes key) noexcept : algorithm_(algorithm) {
   switch (algorithm) {
     case Digest::kSha1:

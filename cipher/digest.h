@@ -26,7 +26,9 @@ enum class Digest : int {
 inline constexpr std::size_t kMaxDigestSize = 64;  // bytes of the longest digest
 
 // Whether an identifier is one of the above.
-constexpr bool isDigest(int identifier) noexcept { return identifier >= 1 && identifier <= 4; }
+constexpr bool isDigest(int identifier) noexcept {
+  return identifier >= 1 && identifier <= 4;
+}
 
 // Bytes of a digest: 20, 32, 64 or 20.
 constexpr std::size_t digestSize(Digest digest) noexcept {
@@ -40,15 +42,15 @@ constexpr std::size_t digestSize(Digest digest) noexcept {
   }
 }
 
-// The digest of `data` into `out`, which holds digestSize() bytes. False, with `out` wiped, when the library has no memory for
-// the thread's first HAS-160 digest.
+// The digest of `data` into `out`, which holds digestSize() bytes. False, with `out` wiped, when the library has no
+// memory for the thread's first HAS-160 digest.
 bool digest(Digest algorithm, unsigned char* out, Bytes data) noexcept;
 
 // The hash functions as the templates below use them: a context that is copied by value, with init, update and final.
 //
-// SHA-1 and SHA-2 go through libcrypto's SHAxxx_* functions: their state is plain memory, so a keyed state is copied per value
-// (114 ns for an HMAC-SHA256 of 44 bytes), where OpenSSL's EVP interfaces allocate for each copy (205 ns by EVP_MD_CTX_copy_ex,
-// 243 ns by EVP_MAC_init without a key).
+// SHA-1 and SHA-2 go through libcrypto's SHAxxx_* functions: their state is plain memory, so a keyed state is copied
+// per value (114 ns for an HMAC-SHA256 of 44 bytes), where OpenSSL's EVP interfaces allocate for each copy (205 ns by
+// EVP_MD_CTX_copy_ex, 243 ns by EVP_MAC_init without a key).
 struct Sha1 {
   using Context = SHA_CTX;
   static constexpr std::size_t kSize = 20;
@@ -95,7 +97,8 @@ extern template class HmacOf<Sha1>;
 extern template class HmacOf<Sha256>;
 extern template class HmacOf<Sha512>;
 
-// HMAC with HAS-160 over librhash, whose states cannot be copied: the key's two blocks are compressed again for each value.
+// HMAC with HAS-160 over librhash, whose states cannot be copied: the key's two blocks are compressed again for each
+// value.
 class HmacHas160 {
  public:
   static constexpr std::size_t kBlock = 64;
@@ -117,12 +120,14 @@ class HmacHas160 {
 // HMAC with a digest chosen at run time.
 class Hmac {
  public:
+  // The states' constructors do not throw, so neither does choosing one of them.
+  // NOLINTNEXTLINE(bugprone-exception-escape)
   Hmac(Digest algorithm, Bytes key) noexcept;
 
-  Digest algorithm() const noexcept { return algorithm_; }
+  [[nodiscard]] Digest algorithm() const noexcept { return algorithm_; }
 
-  // The code of the parts, one after the other, into `out`, which holds digestSize(algorithm()) bytes. False, with `out`
-  // wiped, on failure.
+  // The code of the parts, one after the other, into `out`, which holds digestSize(algorithm()) bytes. False, with
+  // `out` wiped, on failure.
   bool compute(unsigned char* out, std::span<const Bytes> parts) const noexcept;
 
  private:

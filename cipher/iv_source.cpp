@@ -19,7 +19,9 @@ constexpr std::size_t kBlockSize = 4096;
 
 std::atomic<unsigned> forks{0};  // how often this process came out of a fork as the child
 
-void countFork() { forks.fetch_add(1, std::memory_order_relaxed); }
+void countFork() {
+  forks.fetch_add(1, std::memory_order_relaxed);
+}
 
 class IvBlock {
  public:

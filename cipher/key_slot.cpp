@@ -2,15 +2,16 @@
 //
 // The slots that handles live in, and the pools of prepared keys.
 //
-// A slot's memory is never given back and only ever holds handles, so that a thread with an old handle reads a slot, whatever
-// became of it. The generation number says what: it is odd while the slot holds a key, and grows by one whenever a key comes
-// or goes. A user notes it first and checks it last. In between it may read the words of two different keys mixed, each
-// of them atomically; the generation then differs at the end and nothing of what it computed is handed out.
+// A slot's memory is never given back and only ever holds handles, so that a thread with an old handle reads a slot,
+// whatever became of it. The generation number says what: it is odd while the slot holds a key, and grows by one
+// whenever a key comes or goes. A user notes it first and checks it last. In between it may read the words of two
+// different keys mixed, each of them atomically; the generation then differs at the end and nothing of what it computed
+// is handed out.
 //
-// Order between a user and a wiper: the wiper advances the generation, then overwrites the words and takes every prepared key out
-// of the pool. A user puts its prepared key back, then reads the generation, and takes everything out again when it moved.
-// These four steps are sequentially consistent, so one of the two sees what the other did and no wiped key stays in a
-// pool.
+// Order between a user and a wiper: the wiper advances the generation, then overwrites the words and takes every
+// prepared key out of the pool. A user puts its prepared key back, then reads the generation, and takes everything out
+// again when it moved. These four steps are sequentially consistent, so one of the two sees what the other did and no
+// wiped key stays in a pool.
 #include "cipher/key_slot.h"
 
 #include <openssl/crypto.h>
@@ -61,7 +62,8 @@ struct alignas(64) PoolEntry {
   std::atomic<PooledKey*> pooled{nullptr};
 };
 
-// Entries of a pool, a power of two: threads that are inside an operation at one moment are about as many as processors.
+// Entries of a pool, a power of two: threads that are inside an operation at one moment are about as many as
+// processors.
 std::size_t poolSize() noexcept {
   static const std::size_t size = std::bit_ceil(std::clamp(std::thread::hardware_concurrency(), 8U, 256U));
   return size;
@@ -81,7 +83,7 @@ class KeySlot : public _BCipherKey {
   KeySlot() noexcept : _BCipherKey{} {}
 
   // For the holder of the store's lock.
-  bool live() const noexcept { return generation_.load(std::memory_order_relaxed) % 2 != 0; }
+  [[nodiscard]] bool live() const noexcept { return generation_.load(std::memory_order_relaxed) % 2 != 0; }
   void fill(int algorithm, const KeyData& data) noexcept;
   void wipe() noexcept;
   void read(KeyData& data) const noexcept;
@@ -95,9 +97,9 @@ class KeySlot : public _BCipherKey {
   bool given = false;       // a caller owns the handle
 
  private:
-  bool boundTo(Bytes binding) const noexcept;
+  [[nodiscard]] bool boundTo(Bytes binding) const noexcept;
   PooledKey* takePooled(std::uint64_t generation) noexcept;
-  PooledKey* prepare(std::uint64_t generation) const noexcept;
+  [[nodiscard]] PooledKey* prepare(std::uint64_t generation) const noexcept;
   PoolEntry* pool() noexcept;
   static bool put(PoolEntry* pool, PooledKey* pooled) noexcept;
   static void drain(PoolEntry* pool) noexcept;
@@ -182,7 +184,7 @@ PooledKey* KeySlot::prepare(std::uint64_t generation) const noexcept {
 PoolEntry* KeySlot::pool() noexcept {
   PoolEntry* entries = pool_.load(std::memory_order_acquire);
   if (entries != nullptr) return entries;
-  PoolEntry* made = new (std::nothrow) PoolEntry[poolSize()];
+  auto* made = new (std::nothrow) PoolEntry[poolSize()];
   if (made == nullptr || pool_.compare_exchange_strong(entries, made)) return made;
   delete[] made;
   return entries;
@@ -282,14 +284,17 @@ class SlotStore {
   KeySlot* lastFree_ = nullptr;
 };
 
-// Kept until the process ends, for threads that still encrypt then. In static memory, so that it cannot fail to be there.
+// Kept until the process ends, for threads that still encrypt then. In static memory, so that it cannot fail to be
+// there.
 SlotStore& store() noexcept {
   alignas(SlotStore) static unsigned char memory[sizeof(SlotStore)];
-  static SlotStore* const made = new (memory) SlotStore;
+  static auto* const made = new (memory) SlotStore;
   return *made;
 }
 
-KeySlot& slotOf(BCipherKey key) noexcept { return *static_cast<KeySlot*>(key); }
+KeySlot& slotOf(BCipherKey key) noexcept {
+  return *static_cast<KeySlot*>(key);
+}
 
 }  // namespace
 
@@ -305,7 +310,9 @@ BCipherKey makeKey(int algorithm, const Suite* suite, const KeyMaterial& materia
 Session::Session(BCipherKey key, Bytes binding) noexcept
     : slot_(key == nullptr ? nullptr : &slotOf(key)), pooled_(slot_ == nullptr ? nullptr : slot_->take(binding)) {}
 
-PreparedKey& Session::key() noexcept { return pooled_->key; }
+PreparedKey& Session::key() noexcept {
+  return pooled_->key;
+}
 
 bool Session::finish() noexcept {
   PooledKey* pooled = std::exchange(pooled_, nullptr);

@@ -29,6 +29,8 @@ OSSL_LIB_CTX* libraryContext() noexcept {
   return context;
 }
 
-void forgetErrors() noexcept { ERR_clear_error(); }
+void forgetErrors() noexcept {
+  ERR_clear_error();
+}
 
 }  // namespace cipher

@@ -21,23 +21,26 @@ namespace {
 
 constexpr std::size_t kMaxSize = INT_MAX;  // of a text and of its cipher text: OpenSSL's lengths are int
 
-// OpenSSL's SIV takes no empty text. It is given one zero byte in its place, with this as an additional first component, and
-// the byte that comes out is left away.
+// OpenSSL's SIV takes no empty text. It is given one zero byte in its place, with this as an additional first
+// component, and the byte that comes out is left away.
 constexpr unsigned char kEmptySivComponent[] = {'e', 'm', 'p', 't', 'y'};
 constexpr unsigned char kEmptySivText[] = {0};
 
-// Puts data through a context: text where `out` is given, associated data where it is null. Empty data is left out, because
-// a null pointer has a meaning of its own to some ciphers.
-bool update(EVP_CIPHER_CTX* context, unsigned char* out, Bytes data) noexcept {
-  int written = 0;
-  return data.empty() ||
-         EVP_CipherUpdate(context, out, &written, data.data(), static_cast<int>(data.size())) == 1;
+// Gives a context associated data, or a component of SIV. Empty data is left out: a null pointer has a meaning of its
+// own to some ciphers.
+bool associate(EVP_CIPHER_CTX* context, Bytes data) noexcept {
+  int none = 0;
+  return data.empty() || EVP_CipherUpdate(context, nullptr, &none, data.data(), static_cast<int>(data.size())) == 1;
 }
 
-bool finish(EVP_CIPHER_CTX* context) noexcept {
+// Puts a text through a context, from its first byte to its last, into `out` of the same size.
+bool transform(EVP_CIPHER_CTX* context, unsigned char* out, Bytes text) noexcept {
   unsigned char none[kMaxBlockSize];
   int written = 0;
-  return EVP_CipherFinal_ex(context, none, &written) == 1;
+  int last = 0;
+  if (text.empty()) return EVP_CipherFinal_ex(context, none, &last) == 1;
+  return EVP_CipherUpdate(context, out, &written, text.data(), static_cast<int>(text.size())) == 1 &&
+         EVP_CipherFinal_ex(context, out + written, &last) == 1;
 }
 
 bool takeTag(EVP_CIPHER_CTX* context, unsigned char* tag, std::size_t size) noexcept {
@@ -55,15 +58,19 @@ bool throughCcm(EVP_CIPHER_CTX* context, unsigned char* out, Bytes associated, B
   unsigned char none[1];
   int written = 0;
   const int size = static_cast<int>(text.size());
-  return EVP_CipherUpdate(context, nullptr, &written, nullptr, size) == 1 && update(context, nullptr, associated) &&
-         EVP_CipherUpdate(context, text.empty() ? none : out, &written, text.empty() ? kNothing : text.data(), size) == 1;
+  return EVP_CipherUpdate(context, nullptr, &written, nullptr, size) == 1 && associate(context, associated) &&
+         EVP_CipherUpdate(context, text.empty() ? none : out, &written, text.empty() ? kNothing : text.data(), size) ==
+             1;
 }
 
 }  // namespace
 
-void PreparedKey::FreeContext::operator()(EVP_CIPHER_CTX* context) const noexcept { EVP_CIPHER_CTX_free(context); }
+void PreparedKey::FreeContext::operator()(EVP_CIPHER_CTX* context) const noexcept {
+  EVP_CIPHER_CTX_free(context);
+}
 
-PreparedKey::PreparedKey(const Suite& suite, const KeyMaterial& material) noexcept : suite_(suite), material_(material) {}
+PreparedKey::PreparedKey(const Suite& suite, const KeyMaterial& material) noexcept
+    : suite_(suite), material_(material) {}
 
 PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
   Context made(EVP_CIPHER_CTX_new());
@@ -78,8 +85,6 @@ PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
     return nullptr;
   }
   if (EVP_CipherInit_ex2(context, nullptr, material_.cipherKey, nullptr, direction, nullptr) != 1) return nullptr;
-  // Lets one SIV context serve many texts; by default it refuses the second.
-  if (suite_.form == Form::kSiv && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_SET_SPEED, 1, nullptr) != 1) return nullptr;
   return made;
 }
 
@@ -105,40 +110,38 @@ bool PreparedKey::encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcep
   if (!restart(running, true, iv)) return false;
   int written = 0;
   int last = 0;
-  if (!text.empty() && EVP_CipherUpdate(running, out, &written, text.data(), static_cast<int>(text.size())) != 1) return false;
+  if (!text.empty() && EVP_CipherUpdate(running, out, &written, text.data(), static_cast<int>(text.size())) != 1)
+    return false;
   return suite_.padBlock == 0 || EVP_CipherFinal_ex(running, out + written, &last) == 1;
 }
 
-bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept {
+bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated,
+                                Bytes text) noexcept {
   EVP_CIPHER_CTX* running = context(true);
   if (!restart(running, true, iv)) return false;
-  if (suite_.form == Form::kCcm) return throughCcm(running, out, associated, text) && takeTag(running, tag, suite_.tagSize);
-  return update(running, nullptr, associated) && update(running, out, text) && finish(running) &&
-         takeTag(running, tag, suite_.tagSize);
+  if (suite_.form == Form::kCcm)
+    return throughCcm(running, out, associated, text) && takeTag(running, tag, suite_.tagSize);
+  return associate(running, associated) && transform(running, out, text) && takeTag(running, tag, suite_.tagSize);
 }
 
-// A SIV context that has taken in the associated data and the nonce. Without either it is the kept one, which never changes;
-// else it is a copy, because what a context has taken in stays in it.
-EVP_CIPHER_CTX* PreparedKey::restartSiv(Context& copy, bool encrypting, std::initializer_list<Bytes> components) noexcept {
-  EVP_CIPHER_CTX* kept = context(encrypting);
-  const bool any = std::any_of(components.begin(), components.end(), [](Bytes component) { return !component.empty(); });
-  if (kept == nullptr || !any) return kept;
-  copy.reset(EVP_CIPHER_CTX_new());
+// A SIV context that has taken in the components that are not empty. Every text gets a copy of the kept context,
+// because a context's state goes on from text to text and cannot be set back.
+PreparedKey::Context PreparedKey::startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept {
+  const EVP_CIPHER_CTX* kept = context(encrypting);
+  Context copy(kept == nullptr ? nullptr : EVP_CIPHER_CTX_new());
   if (copy == nullptr || EVP_CIPHER_CTX_copy(copy.get(), kept) != 1) return nullptr;
   for (const Bytes component : components) {
-    if (!update(copy.get(), nullptr, component)) return nullptr;
+    if (!associate(copy.get(), component)) return nullptr;
   }
-  return copy.get();
+  return copy;
 }
 
 bool PreparedKey::encryptSiv(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept {
   unsigned char leftAway[sizeof kEmptySivText];
-  Context copy;
   const bool empty = text.empty();
-  EVP_CIPHER_CTX* running =
-      restartSiv(copy, true, {empty ? Bytes(kEmptySivComponent) : Bytes(), associated, iv});
-  return running != nullptr && update(running, empty ? leftAway : out, empty ? Bytes(kEmptySivText) : text) &&
-         finish(running) && takeTag(running, tag, suite_.tagSize);
+  const Context running = startSiv(true, {empty ? Bytes(kEmptySivComponent) : Bytes(), associated, iv});
+  return running != nullptr && transform(running.get(), empty ? leftAway : out, empty ? Bytes(kEmptySivText) : text) &&
+         takeTag(running.get(), tag, suite_.tagSize);
 }
 
 bool PreparedKey::decryptSiv(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
@@ -146,9 +149,8 @@ bool PreparedKey::decryptSiv(unsigned char* out, Bytes iv, Bytes associated, Byt
     unsigned char expected[kMaxTagSize];
     return encryptSiv(nullptr, expected, iv, associated, {}) && CRYPTO_memcmp(expected, tag.data(), tag.size()) == 0;
   }
-  Context copy;
-  EVP_CIPHER_CTX* running = restartSiv(copy, false, {associated, iv});
-  return running != nullptr && giveTag(running, tag) && update(running, out, cipherText) && finish(running);
+  const Context running = startSiv(false, {associated, iv});
+  return running != nullptr && giveTag(running.get(), tag) && transform(running.get(), out, cipherText);
 }
 
 // HMAC-SHA256 over the length of the associated data, the data, the initialization vector and the cipher text.
@@ -216,10 +218,11 @@ bool PreparedKey::decryptTagged(unsigned char* out, Bytes iv, Bytes associated, 
   EVP_CIPHER_CTX* running = context(false);
   if (!restart(running, false, iv) || !giveTag(running, tag)) return false;
   if (suite_.form == Form::kCcm) return throughCcm(running, out, associated, cipherText);
-  return update(running, nullptr, associated) && update(running, out, cipherText) && finish(running);
+  return associate(running, associated) && transform(running, out, cipherText);
 }
 
-Opened PreparedKey::decrypt(std::span<unsigned char> out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
+Opened PreparedKey::decrypt(std::span<unsigned char> out, Bytes iv, Bytes associated, Bytes cipherText,
+                            Bytes tag) noexcept {
   Opened opened;
   if (cipherText.size() > kMaxSize || tag.size() != suite_.tagSize || suite_.form == Form::kOneWay) return opened;
   if (suite_.form == Form::kPlain || suite_.form == Form::kStream) {

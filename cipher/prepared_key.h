@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A key made ready for use: cipher contexts and HMAC states that have taken the key in. Values are encrypted here, and published
-// test vectors run through here, with the key and the initialization vector as they are given.
+// A key made ready for use: cipher contexts and HMAC states that have taken the key in. Values are encrypted here, and
+// published test vectors run through here, with the key and the initialization vector as they are given.
 #pragma once
 
 #include <openssl/types.h>
@@ -27,13 +27,14 @@ struct KeyMaterial {
 
 // What came of a decryption.
 struct Opened {
-  bool valid = false;    // false: not what this key encrypted, or OpenSSL failed; the output was wiped
-  std::size_t size = 0;  // bytes of the text. A number past the output's size: it does not fit, nothing of it is left in the
-                         // output, what is said is an upper bound of its size, and it may not have been checked yet
+  bool valid = false;  // false: not what this key encrypted, or OpenSSL failed; the output was wiped
+  std::size_t size =
+      0;  // bytes of the text. A number past the output's size: it does not fit, nothing of it is left in the
+          // output, what is said is an upper bound of its size, and it may not have been checked yet
 };
 
-// Used by one thread at a time. Wipes what it holds when it goes. Contexts are made on first use: a key that only encrypts
-// holds none for decryption.
+// Used by one thread at a time. Wipes what it holds when it goes. Contexts are made on first use: a key that only
+// encrypts holds none for decryption.
 class PreparedKey {
  public:
   // A copy of what it needs of `material` is kept; `suite` is copied.
@@ -42,7 +43,7 @@ class PreparedKey {
   PreparedKey& operator=(const PreparedKey&) = delete;
   ~PreparedKey() { OPENSSL_cleanse(&material_, sizeof material_); }
 
-  const Suite& suite() const noexcept { return suite_; }
+  [[nodiscard]] const Suite& suite() const noexcept { return suite_; }
 
   // Encrypts a text.
   //   out         suite().cipherSize(text.size()) bytes.
@@ -52,8 +53,8 @@ class PreparedKey {
   //   text        must not overlap out; text and cipher text have at most 2^31 - 1 bytes.
   // Not for one-way suites. False, with the contents of out and tag unspecified, when OpenSSL fails.
   //
-  // No allocation, no lock and no key schedule after the first call, with one exception: SIV with associated data or a nonce,
-  // whose OpenSSL context cannot be set back and is copied for each text (about a microsecond).
+  // No allocation, no lock and no key schedule after the first call. SIV is the exception: OpenSSL cannot set its
+  // context back, so every text takes a copy of one (about a microsecond).
   bool encrypt(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;
 
   // Decrypts what encrypt() made. The same rules; `out` may hold fewer bytes than the text needs.
@@ -62,8 +63,8 @@ class PreparedKey {
   // HMAC-SHA256 of the parts under the key for deterministic initialization vectors: 32 bytes.
   void ivMac(unsigned char* out, std::span<const Bytes> parts) noexcept;
 
-  // HMAC of the parts under the HMAC key, digestSize(algorithm) bytes. The key is taken in once for as long as the algorithm
-  // stays the same.
+  // HMAC of the parts under the HMAC key, digestSize(algorithm) bytes. The key is taken in once for as long as the
+  // algorithm stays the same.
   bool keyedDigest(Digest algorithm, unsigned char* out, std::span<const Bytes> parts) noexcept;
 
  private:
@@ -73,9 +74,9 @@ class PreparedKey {
   using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
-  Context makeContext(bool encrypting) const noexcept;
+  [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
-  EVP_CIPHER_CTX* restartSiv(Context& copy, bool encrypting, std::initializer_list<Bytes> components) noexcept;
+  Context startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept;
 
   bool encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcept;
   bool encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;

@@ -73,24 +73,25 @@ struct Suite {
   Form form = Form::kPlain;
   Digest digest = Digest::kSha256;  // of kOneWay
   unsigned char keySize = 0;        // bytes of the cipher's key
-  unsigned char padBlock = 0;       // bytes of the block that texts are padded to by PKCS #7 (RFC 5652, section 6.3); 0 for none
-  unsigned char ivSize = 0;         // bytes of the initialization vector or nonce, 0 for none
-  unsigned char tagSize = 0;        // bytes of the authentication tag, 0 for none
+  unsigned char padBlock =
+      0;  // bytes of the block that texts are padded to by PKCS #7 (RFC 5652, section 6.3); 0 for none
+  unsigned char ivSize = 0;   // bytes of the initialization vector or nonce, 0 for none
+  unsigned char tagSize = 0;  // bytes of the authentication tag, 0 for none
 
   // Bytes that a text of `size` bytes becomes, initialization vector and tag not counted.
-  std::size_t cipherSize(std::size_t size) const noexcept {
+  [[nodiscard]] std::size_t cipherSize(std::size_t size) const noexcept {
     if (form == Form::kOneWay) return digestSize(digest);
     return padBlock == 0 ? size : size + padBlock - size % padBlock;
   }
 };
 
 // The suite of two codes, or null where a code is out of range or reserved, or this system's OpenSSL does not offer the
-// combination. A stream cipher and a one-way algorithm are the same suite under every block mode. The result is valid until the
-// process ends. Every cipher is fetched once, on the first call.
+// combination. A stream cipher and a one-way algorithm are the same suite under every block mode. The result is valid
+// until the process ends. Every cipher is fetched once, on the first call.
 //
-// Sizes: ECB, CBC, CFB, OFB and CTR as in NIST SP 800-38A; a 12-byte nonce for GCM (SP 800-38D), OCB (RFC 7253) and ChaCha20
-// (RFC 8439, block counter from 0); an 11-byte nonce for CCM (SP 800-38C), which leaves 4 bytes for the text's length; 16 bytes
-// for SIV's nonce (RFC 5297, section 3). Tags have 16 bytes.
+// Sizes: ECB, CBC, CFB, OFB and CTR as in NIST SP 800-38A; a 12-byte nonce for GCM (SP 800-38D), OCB (RFC 7253) and
+// ChaCha20 (RFC 8439, block counter from 0); an 11-byte nonce for CCM (SP 800-38C), which leaves 4 bytes for the text's
+// length; 16 bytes for SIV's nonce (RFC 5297, section 3). Tags have 16 bytes.
 const Suite* findSuite(int algorithm, int blockMode) noexcept;
 
 }  // namespace cipher

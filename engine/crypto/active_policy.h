@@ -9,8 +9,8 @@
 
 namespace engine {
 
-// The first record of that name in the active slot, or null. The slot can become another's while the caller reads the record:
-// copy it first.
+// The first record of that name in the active slot, or null. The slot can become another's while the caller reads the
+// record: copy it first.
 const Q7EncPolicyInfo* findActivePolicy(std::string_view name) noexcept;
 
 }  // namespace engine

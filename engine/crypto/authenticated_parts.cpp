@@ -22,7 +22,8 @@ unsigned char* append(unsigned char* to, Bytes part) noexcept {
 
 }  // namespace
 
-AssociatedData::AssociatedData(const ValueFormat& format, const cipher::Suite& suite, const ValueParts& parts) noexcept {
+AssociatedData::AssociatedData(const ValueFormat& format, const cipher::Suite& suite,
+                               const ValueParts& parts) noexcept {
   if (!format.partial() || suite.tagSize == 0) return;
   const std::size_t size = 2 * kLengthSize + parts.before.size() + parts.after.size();
   unsigned char* room = scratch_.take(size);

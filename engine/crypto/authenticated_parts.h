@@ -10,16 +10,16 @@
 
 namespace engine {
 
-// The associated data of a partially encrypted value: the length of the clear part before the encrypted one (4 bytes, most
-// significant first), that part, the length of the clear part after it, that part. Of a value that is encrypted whole, and
-// where the suite has no tag, there is none.
+// The associated data of a partially encrypted value: the length of the clear part before the encrypted one (4 bytes,
+// most significant first), that part, the length of the clear part after it, that part. Of a value that is encrypted
+// whole, and where the suite has no tag, there is none.
 class AssociatedData {
  public:
   AssociatedData(const ValueFormat& format, const cipher::Suite& suite, const ValueParts& parts) noexcept;
 
   // False when memory ran out.
-  bool valid() const noexcept { return valid_; }
-  Bytes bytes() const noexcept { return bytes_; }
+  [[nodiscard]] bool valid() const noexcept { return valid_; }
+  [[nodiscard]] Bytes bytes() const noexcept { return bytes_; }
 
  private:
   Scratch scratch_{ScratchUse::kClearParts};
@@ -27,8 +27,8 @@ class AssociatedData {
   bool valid_ = true;
 };
 
-// Computes the initialization vector of a value: the leading iv.size() bytes of HMAC-SHA256 over the three parts of the clear
-// value, each with its length (4 bytes, most significant first) in front.
+// Computes the initialization vector of a value: the leading iv.size() bytes of HMAC-SHA256 over the three parts of the
+// clear value, each with its length (4 bytes, most significant first) in front.
 void computeIv(std::span<unsigned char> iv, cipher::PreparedKey& key, const ValueParts& clear) noexcept;
 
 }  // namespace engine

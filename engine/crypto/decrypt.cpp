@@ -23,8 +23,8 @@ bool ivMatches(Bytes iv, cipher::PreparedKey& key, const ValueParts& clear) noex
   return CRYPTO_memcmp(expected, iv.data(), iv.size()) == 0;
 }
 
-// Decrypts a raw value into the call's output, behind the clear part before it. Gives nothing for what this policy did not
-// make.
+// Decrypts a raw value into the call's output, behind the clear part before it. Gives nothing for what this policy did
+// not make.
 cipher::Opened open(ValueCall& call, const ValueFormat& format, cipher::PreparedKey& key, const ValueParts& parts,
                     const RawParts& raw) noexcept {
   const AssociatedData associated(format, key.suite(), parts);
@@ -35,8 +35,8 @@ cipher::Opened open(ValueCall& call, const ValueFormat& format, cipher::Prepared
   const cipher::Opened opened = key.decrypt(room, raw.iv, associated.bytes(), raw.cipherText, raw.tag);
   if (!opened.valid || opened.size > room.size() || call.capacity() < around) return opened;
   const ValueParts clear{parts.before, room.first(opened.size), parts.after};
-  const bool genuine = format.fits(opened.size, !parts.after.empty()) &&
-                       (!format.computesIv() || ivMatches(raw.iv, key, clear));
+  const bool genuine =
+      format.fits(opened.size, !parts.after.empty()) && (!format.computesIv() || ivMatches(raw.iv, key, clear));
   if (genuine) return opened;
   OPENSSL_cleanse(room.data(), opened.size);
   return {};
@@ -70,8 +70,8 @@ int decryptParts(ValueCall& call, const ValueFormat& format, cipher::Session& se
 }  // namespace
 }  // namespace engine
 
-extern "C" int Q7_DecryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
-                                   Q7EncPolicyInfo* policy, _BCipherKey* key) {
+extern "C" int Q7_DecryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in,
+                                   unsigned int inLen, Q7EncPolicyInfo* policy, _BCipherKey* key) {
   engine::ValueCall call(out, outLen, in, inLen);
   if (!call.valid() || policy == nullptr) return call.noResult();
   const engine::PolicyCopy own(*policy);

@@ -21,7 +21,8 @@ bool digestInto(unsigned char* out, cipher::PreparedKey& key, Bytes text) noexce
 }
 
 // Writes the raw form of a value's middle part to `raw`, of format.rawSize() bytes.
-bool seal(std::span<unsigned char> raw, const ValueFormat& format, cipher::PreparedKey& key, const ValueParts& parts) noexcept {
+bool seal(std::span<unsigned char> raw, const ValueFormat& format, cipher::PreparedKey& key,
+          const ValueParts& parts) noexcept {
   raw[0] = kVersionByte;
   if (key.suite().form == cipher::Form::kOneWay) return digestInto(raw.data() + 1, key, parts.middle);
   const auto iv = raw.subspan(1, format.ivSize());
@@ -64,8 +65,8 @@ int encryptValue(ValueCall& call, const ValueFormat& format, cipher::Session& se
 }  // namespace
 }  // namespace engine
 
-extern "C" int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
-                                   Q7EncPolicyInfo* policy, _BCipherKey* key) {
+extern "C" int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in,
+                                   unsigned int inLen, Q7EncPolicyInfo* policy, _BCipherKey* key) {
   engine::ValueCall call(out, outLen, in, inLen);
   if (!call.valid() || policy == nullptr) return call.noResult();
   const engine::PolicyCopy own(*policy);

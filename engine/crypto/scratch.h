@@ -10,8 +10,9 @@ namespace engine {
 // What a piece of working memory is for. A thread has one piece for each.
 enum class ScratchUse { kDecodedText, kClearParts };
 
-// Working memory of the calling thread's, from construction to destruction, when its contents are wiped. The memory is kept
-// for the next time (up to 64 KB), so that the many rows of a statement allocate it once. One at a time for each use.
+// Working memory of the calling thread's, from construction to destruction, when its contents are wiped. The memory is
+// kept for the next time (up to 64 KB), so that the many rows of a statement allocate it once. One at a time for each
+// use.
 class Scratch {
  public:
   explicit Scratch(ScratchUse use) noexcept : use_(use) {}

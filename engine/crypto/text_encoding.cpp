@@ -28,7 +28,9 @@ constexpr std::array<unsigned char, 256> valuesOf(std::string_view digits) {
 constexpr auto kBase64Values = valuesOf(kBase64Digits);
 constexpr auto kHexValues = valuesOf(kLowerDigits);
 
-unsigned char base64Digit(std::uint32_t bits) noexcept { return static_cast<unsigned char>(kBase64Digits[bits & 0x3f]); }
+unsigned char base64Digit(std::uint32_t bits) noexcept {
+  return static_cast<unsigned char>(kBase64Digits[bits & 0x3f]);
+}
 
 std::size_t paddingOf(Bytes text) noexcept {
   std::size_t padding = 0;
@@ -78,7 +80,9 @@ void encodeHex(unsigned char* out, Bytes data, bool upperCase) noexcept {
   }
 }
 
-std::size_t base64DecodedSize(Bytes text) noexcept { return text.size() / 4 * 3 - (text.size() < 4 ? 0 : paddingOf(text)); }
+std::size_t base64DecodedSize(Bytes text) noexcept {
+  return text.size() / 4 * 3 - (text.size() < 4 ? 0 : paddingOf(text));
+}
 
 bool decodeBase64(unsigned char* out, Bytes text) noexcept {
   if (text.size() % 4 != 0) return false;

@@ -26,7 +26,8 @@ int bin2hex(char* in, char* out, int length, int flag) {
   if (out == nullptr) return 0;
   const bool usable = length >= 0 && length <= INT_MAX / 2 && (in != nullptr || length == 0);
   const std::size_t size = usable ? static_cast<std::size_t>(length) : 0;
-  engine::encodeHex(reinterpret_cast<unsigned char*>(out), {reinterpret_cast<const unsigned char*>(in), size}, flag != 0);
+  engine::encodeHex(reinterpret_cast<unsigned char*>(out), {reinterpret_cast<const unsigned char*>(in), size},
+                    flag != 0);
   out[engine::hexSize(size)] = '\0';
   return static_cast<int>(engine::hexSize(size));
 }

@@ -22,14 +22,15 @@ class ValueCall {
         outLen_(outLen),
         value_(in, inLen),
         capacity_(outLen == nullptr ? 0 : *outLen),
-        valid_(outLen != nullptr && (out != nullptr || *outLen == 0) && (in != nullptr || inLen == 0) && inLen <= INT_MAX) {}
+        valid_(outLen != nullptr && (out != nullptr || *outLen == 0) && (in != nullptr || inLen == 0) &&
+               inLen <= INT_MAX) {}
 
   // Whether the pointers and the length can be worked with.
-  bool valid() const noexcept { return valid_; }
+  [[nodiscard]] bool valid() const noexcept { return valid_; }
 
-  Bytes value() const noexcept { return value_; }
-  unsigned char* out() const noexcept { return out_; }
-  std::size_t capacity() const noexcept { return capacity_; }
+  [[nodiscard]] Bytes value() const noexcept { return value_; }
+  [[nodiscard]] unsigned char* out() const noexcept { return out_; }
+  [[nodiscard]] std::size_t capacity() const noexcept { return capacity_; }
 
   // The three ends of a call. Each returns what the operation returns.
   int noResult() noexcept {

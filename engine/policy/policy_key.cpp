@@ -20,8 +20,8 @@ namespace {
 
 // One label a key (the info input of HKDF-SHA256). Encrypted values depend on them.
 //
-// The tags of the encrypt-then-MAC modes have a key of their own, not the HMAC key: the HMAC functions compute codes of any text
-// under that one for anybody, and such a code must not be a tag.
+// The tags of the encrypt-then-MAC modes have a key of their own, not the HMAC key: the HMAC functions compute codes of
+// any text under that one for anybody, and such a code must not be a tag.
 constexpr std::string_view kCipherLabel = "orvanta cipher key";
 constexpr std::string_view kIvLabel = "orvanta iv key";
 constexpr std::string_view kHmacLabel = "orvanta hmac key";
@@ -36,7 +36,9 @@ constexpr std::size_t kNameGap = offsetof(Q7EncPolicyInfo, algID) - kNameEnd;
 static_assert(sizeof(Q7EncPolicyInfo) == kNameEnd + kNameGap + kMaxColumnKey + kMaxFlag + 8 * sizeof(int));
 static_assert(sizeof(Q7EncPolicyInfo) <= cipher::kMaxBindingSize);
 
-bool inRange(int code, int count) noexcept { return code >= 0 && code < count; }
+bool inRange(int code, int count) noexcept {
+  return code >= 0 && code < count;
+}
 
 bool needsAesInstructions(int algorithm) noexcept {
   return algorithm == static_cast<int>(cipher::Algorithm::kAes128Ni) ||
@@ -44,7 +46,9 @@ bool needsAesInstructions(int algorithm) noexcept {
 }
 
 // Whether a random initialization vector would reach the encrypted value. It does not in ECB and in a digest.
-bool takesRandomIv(const cipher::Suite& suite) noexcept { return suite.ivSize != 0; }
+bool takesRandomIv(const cipher::Suite& suite) noexcept {
+  return suite.ivSize != 0;
+}
 
 const char* cipherFault(const Q7EncPolicyInfo& policy) noexcept {
   if (!inRange(policy.algID, kAlgorithmCount)) return "the algorithm is not known";
@@ -54,7 +58,8 @@ const char* cipherFault(const Q7EncPolicyInfo& policy) noexcept {
   const cipher::Suite* suite = cipher::findSuite(policy.algID, policy.blockMode);
   if (suite == nullptr) return "the algorithm is not offered with this block mode";
   if (policy.ivMode == kIvRandom && !takesRandomIv(*suite)) return "the cipher has no IV that could be random";
-  if (needsAesInstructions(policy.algID) && Check_CPU_support_AES() == 0) return "the processor has no AES instructions";
+  if (needsAesInstructions(policy.algID) && Check_CPU_support_AES() == 0)
+    return "the processor has no AES instructions";
   return nullptr;
 }
 
@@ -76,7 +81,9 @@ PolicyCopy::PolicyCopy(const Q7EncPolicyInfo& shared) noexcept {
   std::memset(reinterpret_cast<unsigned char*>(&record_) + kNameEnd, 0, kNameGap);
 }
 
-PolicyCopy::~PolicyCopy() { OPENSSL_cleanse(&record_, sizeof record_); }
+PolicyCopy::~PolicyCopy() {
+  OPENSSL_cleanse(&record_, sizeof record_);
+}
 
 const char* policyFault(const Q7EncPolicyInfo& policy) noexcept {
   if (std::memchr(policy.policyID, '\0', sizeof policy.policyID) == nullptr) return "the name has no end";
