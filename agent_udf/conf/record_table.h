@@ -5,9 +5,58 @@
 // the record.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
+#include "frame/args.h"
 #include "kezu/shared.h"
+
+// The text fields that identify a record, as pointers to members, in the order in which callers give the texts.
+template <typename Record, typename... Field>
+class RecordKey {
+ public:
+  using Texts = std::array<std::string_view, sizeof...(Field)>;
+
+  constexpr explicit RecordKey(Field Record::*... fields) noexcept : fields_(fields...) {}
+
+  // The texts of a call, from argument `first` on.
+  static Texts arguments(const frame::Args& args, unsigned int first) {
+    Texts texts;
+    for (unsigned int i = 0; i < texts.size(); ++i) {
+      texts[i] = args.text(first + i);
+    }
+    return texts;
+  }
+
+  // Whether every field equals its text exactly.
+  bool matches(const Record& record, const Texts& texts) const noexcept {
+    return all([&](auto field, std::string_view text) { return kezu::fieldEquals(record.*field, text); }, texts);
+  }
+
+  // Whether every text fits its field.
+  bool holds(const Texts& texts) const noexcept {
+    return all([](auto field, std::string_view text) { return kezu::fieldHolds(Record{}.*field, text); }, texts);
+  }
+
+  // Stores texts that the fields hold.
+  void store(Record& record, const Texts& texts) const noexcept {
+    all([&](auto field, std::string_view text) { return kezu::storeField(record.*field, text), true; }, texts);
+  }
+
+ private:
+  template <typename Test>
+  bool all(Test test, const Texts& texts) const {
+    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+      return (test(std::get<I>(fields_), texts[I]) && ...);
+    }
+    (std::index_sequence_for<Field...>{});
+  }
+
+  std::tuple<Field Record::*...> fields_;
+};
 
 template <typename Record, std::size_t Capacity>
 class RecordTable {
@@ -20,12 +69,12 @@ class RecordTable {
   // The record at a position, or null for one outside the table, a negative one included.
   Record* at(int index) const noexcept { return index >= 0 && index < count() ? &records_[index] : nullptr; }
 
-  // The first record that matches, or null.
-  template <typename Matches>
-  Record* find(Matches matches) const {
+  // The first record with this key, or null.
+  template <typename Key>
+  Record* find(const Key& key, const typename Key::Texts& texts) const noexcept {
     const int n = count();
     for (int i = 0; i < n; ++i) {
-      if (matches(static_cast<const Record&>(records_[i]))) {
+      if (key.matches(records_[i], texts)) {
         return &records_[i];
       }
     }
