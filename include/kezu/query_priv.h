@@ -9,11 +9,16 @@
 
 #pragma GCC visibility push(default)
 
-// A pattern is a POSIX extended regular expression (IEEE Std 1003.1, regcomp with REG_EXTENDED | REG_NOSUB), searched anywhere
-// in the text. An empty pattern matches every text. A pattern that does not compile matches none.
+// A pattern is a POSIX extended regular expression (IEEE Std 1003.1, regcomp with REG_EXTENDED | REG_NOSUB), searched
+// anywhere in the text, zero bytes included. An empty pattern matches every text. A pattern that does not compile
+// matches none.
 //
-// Each object owns the compiled forms of its own patterns: a copy compiles them anew, a move takes them over. Not safe for
-// use by several threads while one of them changes it.
+// So that no pattern can take a server's memory or stack, these don't compile either: patterns past the limits of
+// engine/tables/pattern_limits.h (8192 bytes, parentheses 64 deep, a cost of 8192 for what repetitions expand to),
+// patterns with a zero byte, and back-references (\1 to \9), which extended expressions don't have.
+//
+// Each object owns the compiled forms of its own patterns: a copy compiles them anew, a move takes them over. Not safe
+// for use by several threads while one of them changes it.
 class Q7QueryPriv {
  public:
   Q7QueryPriv();
@@ -23,15 +28,16 @@ class Q7QueryPriv {
   Q7QueryPriv& operator=(Q7QueryPriv&& other) noexcept;
   ~Q7QueryPriv();
 
-  // Compiles both patterns, releasing what was compiled before. Returns true when both compile; a pattern that does not is
-  // kept and never matches.
+  // Compiles both patterns, releasing what was compiled before. Returns true when both compile; a pattern that does not
+  // is kept and never matches.
   bool compileRegex();
 
   // Whether `statement` matches queryPattern and `parentStatement` matches p_queryPattern.
   bool checkPattern(const std::string& statement, const std::string& parentStatement) const;
 
-  // Appends a copy of `rule`, compiled, to g_queryPriv. The entry's key is queryType + p_queryType * 150 + 150. Returns 0;
-  // non-zero when the table is full (2000 rules), with nothing changed.
+  // Appends a copy of `rule`, compiled, to g_queryPriv. The entry's key is queryType + p_queryType * 150 + 150. Returns
+  // 0; non-zero when the table is full (2000 rules) or memory runs out, with nothing changed. Several threads may
+  // insert at once.
   static int insert(Q7QueryPriv& rule);
 
   // Whether the rule applies to a statement of type `type` with text `statement` that runs inside a statement of type
