@@ -2,6 +2,7 @@
 #include "logw/log_factory.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -16,6 +17,8 @@ using logging::LineIndex;
 constexpr int kAuditLog = 0;
 constexpr std::size_t kMaxIndexes = 32;  // days whose index is kept; the one not used for longest goes first
 
+constexpr std::size_t kLinesAlive = 8;  // lines of a thread that stay valid
+
 // The audit log.
 class AuditLog final : public Log {
  public:
@@ -29,9 +32,13 @@ class AuditLog final : public Log {
   }
 
   const char* getLog(const std::string& date, unsigned int lineNum) override {
-    thread_local std::string line;
+    // Several, so that a statement that reads two lines sees both.
+    thread_local std::array<std::string, kLinesAlive> lines;
+    thread_local std::size_t next = 0;
     try {
       const std::shared_ptr<LineIndex> index = indexOf(date);
+      std::string& line = lines[next];
+      next = (next + 1) % kLinesAlive;
       line = index ? index->readLine(lineNum) : std::string();
       return line.c_str();
     } catch (...) {

@@ -13,12 +13,12 @@ class Log {
  public:
   virtual ~Log() = default;
 
-  // Number of complete lines in the log of `date` ("YYYY-MM-DD", local time). 0 for a day without a log and for a text that is
-  // not of that form. Lines that were appended since the last call are seen.
+  // Number of complete lines in the log of `date` ("YYYY-MM-DD", local time). 0 for a day without a log and for a text
+  // that is not of that form. Lines that were appended since the last call are seen.
   virtual std::uint64_t getNumTotalLines(const std::string& date) = 0;
 
-  // Line `lineNum` (from 0) of the log of `date`, without its line end, as zero-terminated text; the empty text when there is
-  // no such line. The text belongs to the Log and stays valid until the next call from the same thread.
+  // Line `lineNum` (from 0) of the log of `date`, without its line end, as zero-terminated text; the empty text when
+  // there is no such line. The text belongs to the Log and stays valid for the next seven calls from the same thread.
   virtual const char* getLog(const std::string& date, unsigned int lineNum) = 0;
 };
 
