@@ -4,25 +4,31 @@
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 #include <openssl/kdf.h>
 #include <openssl/params.h>
 #include <openssl/rand.h>
 
-#include <climits>
 #include <memory>
+
+#include "cipher/digest.h"
+#include "cipher/library.h"
 
 namespace cipher {
 namespace {
 
 struct KdfDeleter {
-  void operator()(EVP_KDF* kdf) const noexcept { EVP_KDF_free(kdf); }
   void operator()(EVP_KDF_CTX* ctx) const noexcept { EVP_KDF_CTX_free(ctx); }
 };
 
+// HKDF, fetched once.
+EVP_KDF* hkdf() noexcept {
+  static EVP_KDF* const fetched =
+      libraryContext() == nullptr ? nullptr : EVP_KDF_fetch(libraryContext(), OSSL_KDF_NAME_HKDF, nullptr);
+  return fetched;
+}
+
 bool derive(std::span<unsigned char> out, std::span<const unsigned char> key, std::string_view label) noexcept {
-  std::unique_ptr<EVP_KDF, KdfDeleter> kdf(EVP_KDF_fetch(nullptr, OSSL_KDF_NAME_HKDF, nullptr));
-  std::unique_ptr<EVP_KDF_CTX, KdfDeleter> ctx(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
+  std::unique_ptr<EVP_KDF_CTX, KdfDeleter> ctx(hkdf() == nullptr ? nullptr : EVP_KDF_CTX_new(hkdf()));
   if (!ctx) {
     return false;
   }
@@ -42,25 +48,21 @@ bool hkdfSha256(std::span<unsigned char> out, std::span<const unsigned char> key
   if (derive(out, key, label)) {
     return true;
   }
+  forgetErrors();
   OPENSSL_cleanse(out.data(), out.size());
   return false;
 }
 
 bool hmacSha256(std::span<unsigned char, kSha256Size> out, std::span<const unsigned char> key,
                 std::span<const unsigned char> data) noexcept {
-  unsigned int length = 0;
-  if (key.size() <= INT_MAX && HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), data.data(), data.size(),
-                                    out.data(), &length) != nullptr) {
-    return true;
-  }
-  OPENSSL_cleanse(out.data(), out.size());
-  return false;
+  return HmacOf<Sha256>(key).compute(out.data(), {&data, 1});
 }
 
 bool randomBytes(std::span<unsigned char> out) noexcept {
-  if (out.size() <= INT_MAX && RAND_bytes(out.data(), static_cast<int>(out.size())) == 1) {
+  if (libraryContext() != nullptr && RAND_priv_bytes_ex(libraryContext(), out.data(), out.size(), 0) == 1) {
     return true;
   }
+  forgetErrors();
   OPENSSL_cleanse(out.data(), out.size());
   return false;
 }

@@ -16,8 +16,16 @@ using logging::LineIndex;
 
 constexpr int kAuditLog = 0;
 constexpr std::size_t kMaxIndexes = 32;  // days whose index is kept; the one not used for longest goes first
+constexpr std::size_t kLinesAlive = 8;   // lines of a thread that stay valid
 
-constexpr std::size_t kLinesAlive = 8;  // lines of a thread that stay valid
+// Where this thread's next line goes. The lines before it stay valid, so that a statement that reads several sees each.
+std::string& nextLine() {
+  thread_local std::array<std::string, kLinesAlive> lines;
+  thread_local std::size_t next = 0;
+  std::string& line = lines[next];
+  next = (next + 1) % kLinesAlive;
+  return line;
+}
 
 // The audit log.
 class AuditLog final : public Log {
@@ -32,13 +40,9 @@ class AuditLog final : public Log {
   }
 
   const char* getLog(const std::string& date, unsigned int lineNum) override {
-    // Several, so that a statement that reads two lines sees both.
-    thread_local std::array<std::string, kLinesAlive> lines;
-    thread_local std::size_t next = 0;
     try {
+      std::string& line = nextLine();
       const std::shared_ptr<LineIndex> index = indexOf(date);
-      std::string& line = lines[next];
-      next = (next + 1) % kLinesAlive;
       line = index ? index->readLine(lineNum) : std::string();
       return line.c_str();
     } catch (...) {

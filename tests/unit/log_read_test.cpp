@@ -194,6 +194,17 @@ TEST_F(LogReadTest, ALineThatIsNoneOfTheLibrarysOwnIsBounded) {
   EXPECT_EQ(lineAt(3), "a");  // a zero-terminated text can't go further
 }
 
+TEST_F(LogReadTest, ALineStaysValidForTheNextSevenCalls) {
+  put(kDay, numbered(0, 10));
+  const char* lines[8];
+  for (unsigned int i = 0; i < 8; ++i) {
+    lines[i] = audit().getLog(kDay, i);
+  }
+  for (unsigned int i = 0; i < 8; ++i) {
+    EXPECT_EQ(lines[i], "line " + std::to_string(i));
+  }
+}
+
 TEST_F(LogReadTest, ALineStaysValidWhileOtherThreadsRead) {
   put(kDay, numbered(0, 10));
   const char* mine = audit().getLog(kDay, 3);

@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Running texts through OpenSSL's ciphers with contexts that are keyed already.
+#include "cipher/prepared_key.h"
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+#include "cipher/big_endian.h"
+#include "cipher/library.h"
+
+namespace cipher {
+namespace {
+
+constexpr std::size_t kMaxSize = INT_MAX;  // of a text and of its cipher text: OpenSSL's lengths are int
+
+// OpenSSL's SIV takes no empty text. It is given one zero byte in its place, with this as an additional first
+// component, and the byte that comes out is left away.
+constexpr unsigned char kEmptySivComponent[] = {'e', 'm', 'p', 't', 'y'};
+constexpr unsigned char kEmptySivText[] = {0};
+
+// Gives a context associated data, or a component of SIV. Empty data is left out: a null pointer has a meaning of its
+// own to some ciphers.
+bool associate(EVP_CIPHER_CTX* context, Bytes data) noexcept {
+  int none = 0;
+  return data.empty() || EVP_CipherUpdate(context, nullptr, &none, data.data(), static_cast<int>(data.size())) == 1;
+}
+
+// Puts a text through a context, from its first byte to its last, into `out` of the same size.
+bool transform(EVP_CIPHER_CTX* context, unsigned char* out, Bytes text) noexcept {
+  unsigned char none[kMaxBlockSize];
+  int written = 0;
+  int last = 0;
+  if (text.empty()) return EVP_CipherFinal_ex(context, none, &last) == 1;
+  return EVP_CipherUpdate(context, out, &written, text.data(), static_cast<int>(text.size())) == 1 &&
+         EVP_CipherFinal_ex(context, out + written, &last) == 1;
+}
+
+bool takeTag(EVP_CIPHER_CTX* context, unsigned char* tag, std::size_t size) noexcept {
+  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, static_cast<int>(size), tag) == 1;
+}
+
+bool giveTag(EVP_CIPHER_CTX* context, Bytes tag) noexcept {
+  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
+                             const_cast<unsigned char*>(tag.data())) == 1;
+}
+
+// CCM: length, associated data and text, in this order. The text's call is made for an empty text too.
+bool throughCcm(EVP_CIPHER_CTX* context, unsigned char* out, Bytes associated, Bytes text) noexcept {
+  static constexpr unsigned char kNothing[1] = {0};
+  unsigned char none[1];
+  int written = 0;
+  const int size = static_cast<int>(text.size());
+  return EVP_CipherUpdate(context, nullptr, &written, nullptr, size) == 1 && associate(context, associated) &&
+         EVP_CipherUpdate(context, text.empty() ? none : out, &written, text.empty() ? kNothing : text.data(), size) ==
+             1;
+}
+
+}  // namespace
+
+void PreparedKey::FreeContext::operator()(EVP_CIPHER_CTX* context) const noexcept {
+  EVP_CIPHER_CTX_free(context);
+}
+
+PreparedKey::PreparedKey(const Suite& suite, const KeyMaterial& material) noexcept
+    : suite_(suite), material_(material) {}
+
+PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
+  Context made(EVP_CIPHER_CTX_new());
+  const int direction = encrypting ? 1 : 0;
+  EVP_CIPHER_CTX* context = made.get();
+  if (context == nullptr || EVP_CipherInit_ex2(context, suite_.cipher, nullptr, nullptr, direction, nullptr) != 1) {
+    return nullptr;
+  }
+  const bool tagged = suite_.form == Form::kAead || suite_.form == Form::kCcm;
+  if (tagged && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_IVLEN, suite_.ivSize, nullptr) != 1) return nullptr;
+  if (suite_.form == Form::kCcm && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, suite_.tagSize, nullptr) != 1) {
+    return nullptr;
+  }
+  if (EVP_CipherInit_ex2(context, nullptr, material_.cipherKey, nullptr, direction, nullptr) != 1) return nullptr;
+  // Lets one SIV context serve many texts; by default it refuses the second.
+  if (suite_.form == Form::kSiv && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_SET_SPEED, 1, nullptr) != 1) return nullptr;
+  return made;
+}
+
+EVP_CIPHER_CTX* PreparedKey::context(bool encrypting) noexcept {
+  Context& kept = encrypting ? encrypting_ : decrypting_;
+  if (kept == nullptr && suite_.cipher != nullptr) kept = makeContext(encrypting);
+  return kept.get();
+}
+
+bool PreparedKey::restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept {
+  if (context == nullptr || iv.size() != suite_.ivSize) return false;
+  unsigned char counterAndNonce[kMaxIvSize] = {};
+  const unsigned char* start = iv.empty() ? nullptr : iv.data();
+  if (suite_.form == Form::kStream) {
+    std::copy(iv.begin(), iv.end(), std::end(counterAndNonce) - iv.size());
+    start = counterAndNonce;
+  }
+  return EVP_CipherInit_ex2(context, nullptr, nullptr, start, encrypting ? 1 : 0, nullptr) == 1;
+}
+
+bool PreparedKey::encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcept {
+  EVP_CIPHER_CTX* running = context(true);
+  if (!restart(running, true, iv)) return false;
+  int written = 0;
+  int last = 0;
+  if (!text.empty() && EVP_CipherUpdate(running, out, &written, text.data(), static_cast<int>(text.size())) != 1)
+    return false;
+  return suite_.padBlock == 0 || EVP_CipherFinal_ex(running, out + written, &last) == 1;
+}
+
+bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated,
+                                Bytes text) noexcept {
+  EVP_CIPHER_CTX* running = context(true);
+  if (!restart(running, true, iv)) return false;
+  if (suite_.form == Form::kCcm)
+    return throughCcm(running, out, associated, text) && takeTag(running, tag, suite_.tagSize);
+  return associate(running, associated) && transform(running, out, text) && takeTag(running, tag, suite_.tagSize);
+}
+
+// A SIV context that has taken in the associated data and the nonce. Without either it is the kept one, which never
+// changes; else it is a copy, because what a context has taken in stays in it.
+EVP_CIPHER_CTX* PreparedKey::restartSiv(Context& copy, bool encrypting,
+                                        std::initializer_list<Bytes> components) noexcept {
+  EVP_CIPHER_CTX* kept = context(encrypting);
+  const bool any =
+      std::any_of(components.begin(), components.end(), [](Bytes component) { return !component.empty(); });
+  if (kept == nullptr || !any) return kept;
+  copy.reset(EVP_CIPHER_CTX_new());
+  if (copy == nullptr || EVP_CIPHER_CTX_copy(copy.get(), kept) != 1) return nullptr;
+  for (const Bytes component : components) {
+    if (!associate(copy.get(), component)) return nullptr;
+  }
+  return copy.get();
+}
+
+bool PreparedKey::encryptSiv(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept {
+  unsigned char leftAway[sizeof kEmptySivText];
+  Context copy;
+  const bool empty = text.empty();
+  EVP_CIPHER_CTX* running = restartSiv(copy, true, {empty ? Bytes(kEmptySivComponent) : Bytes(), associated, iv});
+  return running != nullptr && transform(running, empty ? leftAway : out, empty ? Bytes(kEmptySivText) : text) &&
+         takeTag(running, tag, suite_.tagSize);
+}
+
+bool PreparedKey::decryptSiv(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
+  if (cipherText.empty()) {
+    unsigned char expected[kMaxTagSize];
+    return encryptSiv(nullptr, expected, iv, associated, {}) && CRYPTO_memcmp(expected, tag.data(), tag.size()) == 0;
+  }
+  Context copy;
+  EVP_CIPHER_CTX* running = restartSiv(copy, false, {associated, iv});
+  return running != nullptr && giveTag(running, tag) && transform(running, out, cipherText);
+}
+
+// HMAC-SHA256 over the length of the associated data, the data, the initialization vector and the cipher text.
+void PreparedKey::computeTag(unsigned char* tag, Bytes iv, Bytes associated, Bytes cipherText) noexcept {
+  if (!tagMac_) tagMac_.emplace(Bytes(material_.tagKey));
+  unsigned char length[kLengthSize];
+  storeLength(length, associated.size());
+  unsigned char code[kSha256Size];
+  const Bytes parts[] = {length, associated, iv, cipherText};
+  tagMac_->compute(code, parts);
+  std::copy_n(code, suite_.tagSize, tag);
+}
+
+bool PreparedKey::encrypt(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept {
+  bool done = false;
+  if (text.size() <= kMaxSize && suite_.cipherSize(text.size()) <= kMaxSize) {
+    switch (suite_.form) {
+      case Form::kPlain:
+      case Form::kStream:
+        done = encryptPlain(out, iv, text);
+        break;
+      case Form::kEncryptThenMac:
+        done = encryptPlain(out, iv, text);
+        if (done) computeTag(tag, iv, associated, {out, suite_.cipherSize(text.size())});
+        break;
+      case Form::kAead:
+      case Form::kCcm:
+        done = encryptTagged(out, tag, iv, associated, text);
+        break;
+      case Form::kSiv:
+        done = encryptSiv(out, tag, iv, associated, text);
+        break;
+      case Form::kOneWay:
+        break;
+    }
+  }
+  if (!done) forgetErrors();
+  return done;
+}
+
+Opened PreparedKey::decryptPlain(std::span<unsigned char> out, Bytes iv, Bytes cipherText) noexcept {
+  const std::size_t block = suite_.padBlock;
+  if (block != 0 && (cipherText.empty() || cipherText.size() % block != 0)) return {};
+  if (cipherText.size() - block > out.size()) return {true, cipherText.size() - (block == 0 ? 0 : 1)};
+  EVP_CIPHER_CTX* running = context(false);
+  if (!restart(running, false, iv)) return {};
+  SecretArray<kMaxBlockSize> none;  // for OpenSSL, which wants a place for a text of nothing too
+  unsigned char* to = out.empty() ? none.bytes : out.data();
+  int written = 0;
+  if (!cipherText.empty() &&
+      EVP_CipherUpdate(running, to, &written, cipherText.data(), static_cast<int>(cipherText.size())) != 1) {
+    return {};
+  }
+  if (block == 0) return {true, cipherText.size()};
+  SecretArray<kMaxBlockSize> lastBlock;
+  int last = 0;
+  if (EVP_CipherFinal_ex(running, lastBlock.bytes, &last) != 1) return {};
+  const auto head = static_cast<std::size_t>(written);
+  const auto tail = static_cast<std::size_t>(last);
+  if (head + tail <= out.size()) std::copy_n(lastBlock.bytes, tail, out.begin() + written);
+  return {true, head + tail};
+}
+
+bool PreparedKey::decryptTagged(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
+  EVP_CIPHER_CTX* running = context(false);
+  if (!restart(running, false, iv) || !giveTag(running, tag)) return false;
+  if (suite_.form == Form::kCcm) return throughCcm(running, out, associated, cipherText);
+  return associate(running, associated) && transform(running, out, cipherText);
+}
+
+Opened PreparedKey::decrypt(std::span<unsigned char> out, Bytes iv, Bytes associated, Bytes cipherText,
+                            Bytes tag) noexcept {
+  Opened opened;
+  if (cipherText.size() > kMaxSize || tag.size() != suite_.tagSize || suite_.form == Form::kOneWay) return opened;
+  if (suite_.form == Form::kPlain || suite_.form == Form::kStream) {
+    opened = decryptPlain(out, iv, cipherText);
+  } else if (suite_.form == Form::kEncryptThenMac) {
+    unsigned char expected[kMaxTagSize];
+    computeTag(expected, iv, associated, cipherText);
+    if (CRYPTO_memcmp(expected, tag.data(), tag.size()) == 0) opened = decryptPlain(out, iv, cipherText);
+  } else if (cipherText.size() > out.size()) {
+    return {true, cipherText.size()};
+  } else {
+    opened.size = cipherText.size();
+    opened.valid = suite_.form == Form::kSiv ? decryptSiv(out.data(), iv, associated, cipherText, tag)
+                                             : decryptTagged(out.data(), iv, associated, cipherText, tag);
+  }
+  if (!opened.valid) forgetErrors();
+  if (!opened.valid || opened.size > out.size()) OPENSSL_cleanse(out.data(), std::min(out.size(), cipherText.size()));
+  return opened;
+}
+
+void PreparedKey::ivMac(unsigned char* out, std::span<const Bytes> parts) noexcept {
+  if (!ivMac_) ivMac_.emplace(Bytes(material_.ivKey));
+  ivMac_->compute(out, parts);
+}
+
+bool PreparedKey::keyedDigest(Digest algorithm, unsigned char* out, std::span<const Bytes> parts) noexcept {
+  if (digest_ == nullptr || digest_->algorithm() != algorithm) {
+    digest_.reset(new (std::nothrow) Hmac(algorithm, material_.hmacKey));
+  }
+  return digest_ != nullptr && digest_->compute(out, parts);
+}
+
+}  // namespace cipher

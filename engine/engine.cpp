@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The exported operations on the configuration: start, load, reload and save. They share one store under one lock,
+// which no operation on a row's path takes.
+#include <fmt/format.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "engine/kms/kms.h"
+#include "engine/store/store.h"
+#include "kezu/engine.h"
+#include "logging/log_config.h"
+#include "logw/logw.h"
+
+namespace {
+
+using engine::store::Error;
+using engine::store::Home;
+using engine::store::Status;
+using engine::store::Store;
+using engine::store::TableId;
+
+struct Engine {
+  std::mutex mutex;
+  std::unique_ptr<Store> store;  // null until the engine runs
+  std::atomic<bool> running{false};
+  std::string fault;  // what the last start or reload failed with, empty when it succeeded
+};
+
+// Never destroyed: connection threads may still call while the process ends.
+Engine& shared() {
+  static Engine* const instance = new Engine;
+  return *instance;
+}
+
+void report(const std::string& text) {
+  const char* const messages[] = {"group", "status", "desc", text.c_str(), nullptr};
+  lw_log(lw_get_category(logwCategory()), kLogFailure, messages);
+}
+
+// Starts and reloads happen with every statement: a failure that lasts is reported once.
+void reportOnce(Engine& engine, const std::string& text) {
+  if (engine.fault != text) {
+    engine.fault = text;
+    report(text);
+  }
+}
+
+// Runs the body of an exported operation. Nothing thrown leaves it; `failure` is returned instead.
+template <typename Body>
+int guarded(int failure, const Body& body) noexcept {
+  try {
+    Engine& engine = shared();
+    const std::lock_guard lock(engine.mutex);
+    return body(engine);
+  } catch (...) {
+    return failure;
+  }
+}
+
+// Keeps keys and passwords out of core dumps. A kernel that can't leaves everything else as it is.
+void hideFromDumps() noexcept {
+  madvise(g_encPolicyArray, sizeof g_encPolicyArray, MADV_DONTDUMP);
+  madvise(g_userInfo, sizeof g_userInfo, MADV_DONTDUMP);
+}
+
+Status start(Engine& engine) {
+  auto home = engine::store::openHome(engine::store::machineFiles(), engine::store::configuredHome());
+  if (!home.ok()) {
+    return home.error();
+  }
+  logging::setLogDirectory(home.value().log);
+  auto store = Store::open(engine::store::machineFiles(), std::move(home.value()));
+  if (!store.ok()) {
+    return store.error();
+  }
+  hideFromDumps();
+  if (Status status = store.value()->loadAll(); !status.ok()) {
+    return status;
+  }
+  engine.store = std::move(store.value());
+  return {};
+}
+
+void giveText(char* out, std::size_t capacity, const std::string& text) noexcept {
+  if (out != nullptr) {
+    const std::size_t length = std::min(text.size(), capacity - 1);
+    std::memcpy(out, text.data(), length);
+    out[length] = '\0';
+  }
+}
+
+int initialize(Engine& engine, char* message) {
+  if (engine.store) {
+    return 0;
+  }
+  if (Status status = start(engine); !status.ok()) {
+    giveText(message, kInitMessageSize, status.error().text);
+    reportOnce(engine, "The engine did not start: " + status.error().text);
+    return 1;
+  }
+  engine.fault.clear();
+  engine.running.store(true, std::memory_order_release);
+  return 0;
+}
+
+template <typename Reload>
+int reload(const Reload& operation) noexcept {
+  return guarded(-1, [&operation](Engine& engine) {
+    if (!engine.store) {
+      return -1;
+    }
+    if (Status status = operation(*engine.store); !status.ok()) {
+      reportOnce(engine, "Reload failed: " + status.error().text);
+      return -1;
+    }
+    engine.fault.clear();
+    return 0;
+  });
+}
+
+// What a save operation returns when it fails.
+struct SaveCodes {
+  int failure;
+  int conflict;
+};
+
+int save(TableId id, SaveCodes codes) noexcept {
+  return guarded(codes.failure, [id, codes](Engine& engine) {
+    if (!engine.store) {
+      return codes.failure;
+    }
+    const Status status = engine.store->save(id);
+    if (status.ok()) {
+      return 0;
+    }
+    report("Save failed: " + status.error().text);
+    return status.error().kind == Error::Kind::conflict ? codes.conflict : codes.failure;
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+int kezuInitialize(unsigned int mode, char* scratch, char* message) {
+  giveText(scratch, kInitScratchSize, KEZU_VERSION);
+  if (mode != 1) {
+    giveText(message, kInitMessageSize, fmt::format("The engine has no mode {}.", mode));
+    return 1;
+  }
+  if (shared().running.load(std::memory_order_acquire)) {
+    return 0;
+  }
+  const int result = guarded(-1, [message](Engine& engine) { return initialize(engine, message); });
+  if (result < 0) {
+    giveText(message, kInitMessageSize, "The engine did not start: out of memory.");
+  }
+  return result;
+}
+
+int Q7_ReloadAllInfoIfChanged() {
+  return reload([](Store& store) { return store.reloadChanged(); });
+}
+
+int Q7_ReloadAllInfoIfChanged3() {
+  return Q7_ReloadAllInfoIfChanged();
+}
+
+int Q7_LoadPolicyInfo(const char* source) {
+  return reload([source](Store& store) { return store.load(TableId::policy, source == nullptr ? "" : source); });
+}
+
+int Q7_LoadTableInfo() {
+  return reload([](Store& store) { return store.reloadChanged(TableId::tableInfo); });
+}
+
+int Q7_SavePolicyInfo() {
+  return save(TableId::policy, {.failure = -1, .conflict = -3});
+}
+int Q7_SaveColumnInfo() {
+  return save(TableId::column, {.failure = -1, .conflict = 1});
+}
+int Q7_SaveAccessPrivInfo() {
+  return save(TableId::access, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveEncPrivInfo() {
+  return save(TableId::privilege, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveQueryPrivInfo() {
+  return save(TableId::queryPriv, {.failure = 1, .conflict = 1});
+}
+int Q7_SaveTableInfo() {
+  return save(TableId::tableInfo, {.failure = -1, .conflict = -1});
+}
+int Q7_SaveUserInfo() {
+  return save(TableId::user, {.failure = -1, .conflict = -1});
+}
+
+int Q7_GetPolicyInfoFromKMS() {
+  return guarded(-1, [](Engine& engine) {
+    if (!engine.store) {
+      return -1;
+    }
+    const Status status = engine::kms::fetchPolicies(engine.store->home());
+    if (!status.ok()) {
+      report(status.error().text);
+      return -1;
+    }
+    engine.store->acceptMemory(TableId::policy);
+    return 0;
+  });
+}
+
+int compareLocalAndKMSPolicy() {
+  return guarded(-1, [](Engine& engine) {
+    if (!engine.store) {
+      return -1;
+    }
+    const auto answer = engine::kms::compareWithFile(*engine.store);
+    if (!answer.ok()) {
+      report(answer.error().text);
+      return -1;
+    }
+    return static_cast<int>(answer.value());
+  });
+}
+
+}  // extern "C"

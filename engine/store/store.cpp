@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/store/store.h"
+
+#include <cerrno>
+
+#include "kezu/shared.h"
+
+namespace engine::store {
+namespace {
+
+constexpr const char* kSuffix = ".kz";
+
+Error at(const std::string& path, const Error& reason) {
+  return {reason.kind, shownPath(path) + ": " + reason.text};
+}
+
+Error advised(const Error& error) {
+  return {error.kind, error.text + "; see what can be restored with kezu-admin verify"};
+}
+
+Error conflict(const std::string& path) {
+  return {Error::Kind::conflict,
+          shownPath(path) + ": was changed by another process in the meantime, and is not overwritten; try again"};
+}
+
+// Keeps the current version of `path` as `path`.bak. A save that was cut short may have left the two names on one file
+// already; rename() then does nothing, and the name in between is removed.
+Status keepOld(FileSystem& files, const std::string& path) {
+  const std::string backup = path + ".bak";
+  const std::string between = path + ".bak.tmp";
+  if (files.unlink(between.c_str()) != 0 && errno != ENOENT) {
+    return systemError(between, "cannot be replaced");
+  }
+  if (files.link(path.c_str(), between.c_str()) != 0) {
+    return systemError(between, "cannot be linked to the old version");
+  }
+  if (files.rename(between.c_str(), backup.c_str()) != 0) {
+    const Error error = systemError(backup, "cannot be replaced");
+    files.unlink(between.c_str());
+    return error;
+  }
+  files.unlink(between.c_str());
+  return {};
+}
+
+}  // namespace
+
+Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table,
+                                 const TableKeys& keys) {
+  auto image = readFile(files, path, kMaxFileSize, Links::refuse);
+  if (!image.ok()) {
+    return image.error();
+  }
+  if (Status status = checkPrivate(image.value().status, path); !status.ok()) {
+    return status.error();
+  }
+  auto payload = openPayload(image.value().bytes, table.name(), keys);
+  if (!payload.ok()) {
+    return at(path, payload.error());
+  }
+  std::string check = fileCheckString(payload.value(), keys);
+  return TableImage{std::move(payload.value()), identityOf(image.value().status), std::move(check)};
+}
+
+Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {
+  auto master = readMasterKey(files, home.masterKey);
+  if (!master.ok()) {
+    return master.error();
+  }
+  std::unique_ptr<Store> store(new Store(files, std::move(home)));
+  for (std::size_t i = 0; i < kTableCount; ++i) {
+    store->entries_[i].table = allTables()[i];
+    if (!deriveTableKeys(store->entries_[i].keys, master.value(), allTables()[i]->name())) {
+      return Error{Error::Kind::system, "the keys of the configuration files can't be derived: OpenSSL failed"};
+    }
+  }
+  return store;
+}
+
+std::string Store::path(const Entry& entry) const {
+  return home_.file(std::string(entry.table->name()) + kSuffix);
+}
+
+std::string Store::path(TableId id) const {
+  return path(entry(id));
+}
+
+Status Store::loadAll() {
+  std::vector<Entry*> all;
+  for (Entry& entry : entries_) {
+    all.push_back(&entry);
+  }
+  return reload(std::move(all));
+}
+
+Status Store::reloadChanged() {
+  std::vector<Entry*> stale;
+  for (Entry& entry : entries_) {
+    const auto answer = changed(entry);
+    if (!answer.ok()) {
+      return answer.error();
+    }
+    if (answer.value()) {
+      stale.push_back(&entry);
+    }
+  }
+  return stale.empty() ? Status() : reload(std::move(stale));
+}
+
+Status Store::reloadChanged(TableId id) {
+  const auto answer = changed(entry(id));
+  if (!answer.ok()) {
+    return answer.error();
+  }
+  return answer.value() ? reload({&entry(id)}) : Status();
+}
+
+Status Store::load(TableId id, const std::string& source) {
+  Entry& mine = entry(id);
+  const std::string own = path(mine);
+  auto staged = stage(mine, source.empty() ? own : source);
+  if (!staged.ok()) {
+    return staged.error();
+  }
+  if (!source.empty() && source != own) {
+    staged.value().identity = mine.identity;
+  }
+  publish(staged.value());
+  return {};
+}
+
+Result<bool> Store::changed(const Entry& entry) const {
+  auto status = statFile(files_, path(entry));
+  if (!status.ok()) {
+    return advised(status.error());
+  }
+  return identityOf(status.value()) != entry.identity;
+}
+
+Result<Store::Staged> Store::stage(Entry& entry, const std::string& path) const {
+  auto image = openTableFile(files_, path, *entry.table, entry.keys);
+  if (!image.ok()) {
+    return advised(image.error());
+  }
+  auto table = entry.table->stage(image.value().payload);
+  if (!table.ok()) {
+    return advised(at(path, table.error()));
+  }
+  return Staged{&entry, std::move(table.value()), image.value().identity, std::move(image.value().checkString)};
+}
+
+Status Store::reload(std::vector<Entry*> entries) {
+  std::vector<Staged> all;
+  for (Entry* entry : entries) {
+    auto staged = stage(*entry, path(*entry));
+    if (!staged.ok()) {
+      return staged.error();
+    }
+    all.push_back(std::move(staged.value()));
+  }
+  for (Staged& staged : all) {
+    Entry& entry = *staged.entry;
+    const bool first = entry.memoryCheck.empty();
+    entry.overtaken = !first && fileCheckString(entry.table->capture(), entry.keys) != entry.memoryCheck;
+  }
+  for (Staged& staged : all) {
+    publish(staged);
+  }
+  return {};
+}
+
+void Store::publish(Staged& staged) noexcept {
+  Entry& entry = *staged.entry;
+  staged.table->publish();
+  entry.identity = staged.identity;
+  if (auto* shown = entry.table->checkString()) {
+    kezu::storeField(*shown, staged.checkString);
+  }
+  entry.memoryCheck = std::move(staged.checkString);
+}
+
+void Store::acceptMemory(TableId id) {
+  Entry& mine = entry(id);
+  mine.memoryCheck = fileCheckString(mine.table->capture(), mine.keys);
+}
+
+Status Store::save(TableId id) {
+  Entry& mine = entry(id);
+  const cipher::SecretBytes payload = mine.table->capture();
+  mine.memoryCheck = fileCheckString(payload, mine.keys);
+  if (std::exchange(mine.overtaken, false)) {
+    return conflict(path(mine));
+  }
+  if (Status status = mine.table->check(payload); !status.ok()) {
+    return at(path(mine),
+              {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
+  }
+  Status status = write(mine, payload);
+  if (status.ok()) {
+    if (auto* shown = mine.table->checkString()) {
+      kezu::storeField(*shown, mine.memoryCheck);
+    }
+  }
+  return status;
+}
+
+Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
+  const std::string target = path(entry);
+  const std::string fresh = target + ".tmp";
+  const auto lock = FileLock::acquire(files_, home_.file(kLockFile));
+  if (!lock.ok()) {
+    return lock.error();
+  }
+  const auto current = statFile(files_, target);
+  if (!current.ok()) {
+    return current.error();
+  }
+  if (identityOf(current.value()) != entry.identity) {
+    return conflict(target);
+  }
+  const auto sealed = sealPayload(payload, entry.table->name(), entry.keys);
+  if (!sealed.ok()) {
+    return at(target, sealed.error());
+  }
+  const auto written = writeFile(files_, fresh, sealed.value(), entry.identity.modified);
+  if (!written.ok()) {
+    return written.error();
+  }
+  if (Status status = replace(target, fresh); !status.ok()) {
+    files_.unlink(fresh.c_str());
+    return status;
+  }
+  entry.identity = written.value();
+  return syncDirectory(files_, home_.directory);
+}
+
+Status Store::replace(const std::string& path, const std::string& fresh) {
+  if (Status status = keepOld(files_, path); !status.ok()) {
+    return status;
+  }
+  if (files_.rename(fresh.c_str(), path.c_str()) != 0) {
+    return systemError(path, "cannot be replaced");
+  }
+  return {};
+}
+
+Status createTableFile(FileSystem& files, const std::string& directory, const Table& table, const TableKeys& keys) {
+  const std::string path = directory + "/" + std::string(table.name()) + kSuffix;
+  const cipher::SecretBytes payload = table.capture();
+  if (Status status = table.check(payload); !status.ok()) {
+    return at(path, status.error());
+  }
+  const auto sealed = sealPayload(payload, table.name(), keys);
+  if (!sealed.ok()) {
+    return at(path, sealed.error());
+  }
+  const auto written = writeFile(files, path, sealed.value());
+  return written.ok() ? Status() : Status(written.error());
+}
+
+}  // namespace engine::store

@@ -1,0 +1,77 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
+#
+# Eight connections encrypt and decrypt for ten seconds, values short and long, one at a time and row by row, while an
+# administrator makes and deletes policies. None ever gets a value that is not its own.
+# shellcheck source=../common.bash
+. "$(dirname "$0")/../common.bash"
+
+server=$run/server home=$run/home seconds=10
+make_home "$home"
+private_server_create "$server"
+private_server_start "$server" "$home" "$plugins"
+install_functions "$server"
+sid=$(login "$server")
+value_of "$server" "CREATE DATABASE d" >/dev/null
+expect_equal 'policies' $'1\t1' "$(value_of "$server" "SELECT kezu_conf_set_policy('$sid', 'rnd', 2, 1, 0, 0, 5, 0, 'NULL'),
+  kezu_conf_set_policy('$sid', 'det', 2, 0, 0, 0, 1, 2, 'NULL')")"
+
+private_server_client "$server" d <<'SQL'
+CREATE TABLE given (who INT, n INT, clear VARBINARY(1000), det VARBINARY(3000), rnd VARBINARY(1100), PRIMARY KEY (who, n));
+INSERT INTO given SELECT w.seq, n.seq, CONCAT(w.seq, '/', n.seq, '/', REPEAT(CHAR(96 + w.seq), n.seq * 7)), NULL, NULL
+FROM seq_1_to_8 AS w, seq_1_to_100 AS n;
+UPDATE given SET det = data_process_po_ed('det', 0, clear), rnd = data_process_po_ed('rnd', 0, clear);
+DELIMITER //
+-- Counts rounds and values that came back wrong.
+CREATE PROCEDURE work(me INT, seconds INT)
+BEGIN
+  DECLARE rounds, wrong, bad INT DEFAULT 0;
+  DECLARE until_when DATETIME(6) DEFAULT SYSDATE(6) + INTERVAL seconds SECOND;
+  DECLARE v VARBINARY(1000);
+  WHILE SYSDATE(6) < until_when DO
+    SET v = CONCAT('connection ', me, ' round ', rounds, REPEAT(CHAR(96 + me), rounds * 13 % 900));
+    IF NOT data_process_po_ed('rnd', 1, data_process_po_ed('rnd', 0, v)) <=> v THEN SET wrong = wrong + 1; END IF;
+    IF NOT data_process_po_ed('det', 1, data_process_po_ed('det', 0, v)) <=> v THEN SET wrong = wrong + 1; END IF;
+    IF NOT data_process_ed_check_str('rnd', data_process_po_ed('rnd', 0, v)) <=> v THEN SET wrong = wrong + 1; END IF;
+    SELECT COUNT(*) INTO bad FROM given WHERE who = me AND NOT (data_process_po_ed('det', 0, clear) <=> det
+      AND data_process_po_ed('det', 1, det) <=> clear AND data_process_po_ed('rnd', 1, rnd) <=> clear);
+    SET wrong = wrong + bad, rounds = rounds + 1;
+  END WHILE;
+  SELECT rounds, wrong;
+END//
+CREATE PROCEDURE administrate(sid VARCHAR(64), seconds INT)
+BEGIN
+  DECLARE changes, failed INT DEFAULT 0;
+  DECLARE until_when DATETIME(6) DEFAULT SYSDATE(6) + INTERVAL seconds SECOND;
+  WHILE SYSDATE(6) < until_when DO
+    IF NOT kezu_conf_set_policy(sid, 'passing', 2, 1, 0, 0, 5, 0, 'NULL') <=> 1 THEN SET failed = failed + 1; END IF;
+    IF NOT kezu_conf_set_policy(sid, 'passing') <=> 3 THEN SET failed = failed + 1; END IF;
+    SET changes = changes + 2;
+    -- A reader may hold the slot that it began with for four changes: let it finish a row.
+    DO SLEEP(0.02);
+  END WHILE;
+  SELECT changes, failed;
+END//
+DELIMITER ;
+SQL
+
+jobs=()
+for who in 1 2 3 4 5 6 7 8; do
+  value_of "$server" "CALL d.work($who, $seconds)" >"$run/work-$who" 2>&1 &
+  jobs+=($!)
+done
+value_of "$server" "CALL d.administrate('$sid', $seconds)" >"$run/administrate" 2>&1 &
+jobs+=($!)
+for job in "${jobs[@]}"; do
+  wait "$job" || fail "a connection ended: $(cat "$run"/work-* "$run/administrate")"
+done
+for who in 1 2 3 4 5 6 7 8; do
+  read -r rounds wrong <"$run/work-$who"
+  echo "connection $who: $rounds rounds, $wrong wrong"
+  [ "$rounds" -gt 0 ] || fail "connection $who did nothing"
+  expect_equal "wrong values of connection $who" 0 "$wrong"
+done
+read -r changes failed <"$run/administrate"
+echo "administrator: $changes changes, $failed failed"
+[ "$changes" -gt 0 ] || fail 'the administrator did nothing'
+expect_equal 'failed changes' 0 "$failed"

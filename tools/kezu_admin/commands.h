@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The commands of kezu-admin. Each writes its results to standard output, its failures with what to do next to standard
+// error, and returns the program's exit status.
+#pragma once
+
+#include <string>
+
+namespace admin {
+
+inline constexpr int kSuccess = 0;
+inline constexpr int kFailure = 1;
+inline constexpr int kWrongCall = 2;
+
+inline constexpr const char* kAdministrator = "admin";
+
+// Makes a home with a new master key, empty tables and the administrator "admin". All of it appears at once, by a
+// rename, or nothing does. A home that is already there is refused; an empty directory in its place keeps its owner.
+int initHome(const std::string& home, const std::string& passwordFile);
+
+// Shows counts, settings, file-check strings and file dates.
+int showStatus(const std::string& home);
+
+// Opens and authenticates every file, the .bak files too, and says how to go back to a .bak.
+int verifyHome(const std::string& home);
+
+// Writes the tables as JSON, without keys and password values.
+int dumpHome(const std::string& home);
+
+// Stores a new password value for "admin". Safe while servers use the home.
+int changePassword(const std::string& home, const std::string& passwordFile);
+
+}  // namespace admin

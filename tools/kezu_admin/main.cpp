@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// kezu-admin: makes, examines and repairs configuration homes from the command line.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "access.h"
+#include "commands.h"
+#include "engine/store/home.h"
+
+namespace {
+
+struct Call {
+  std::string home = engine::store::configuredHome();
+  std::string passwordFile;
+  std::function<int(const Call&)> run;
+};
+
+CLI::App* addCommand(CLI::App& app, Call& call, const std::string& name, const std::string& text,
+                     std::function<int(const Call&)> run) {
+  CLI::App* command = app.add_subcommand(name, text);
+  command->add_option("--home", call.home, "the configuration home")->capture_default_str();
+  command->callback([&call, run = std::move(run)] { call.run = run; });
+  return command;
+}
+
+void addPasswordFile(CLI::App& command, Call& call) {
+  command.add_option("--password-file", call.passwordFile, "file with the password value; - reads standard input")
+      ->required();
+}
+
+void addCommands(CLI::App& app, Call& call) {
+  addPasswordFile(*addCommand(app, call, "init", "make a home with the administrator \"admin\"",
+                              [](const Call& c) { return admin::initHome(c.home, c.passwordFile); }),
+                  call);
+  addCommand(app, call, "status", "show counts, settings and file-check strings",
+             [](const Call& c) { return admin::showStatus(c.home); });
+  addCommand(app, call, "verify", "open and authenticate every file",
+             [](const Call& c) { return admin::verifyHome(c.home); });
+  addCommand(app, call, "dump", "write the tables as JSON, without keys and password values",
+             [](const Call& c) { return admin::dumpHome(c.home); });
+  addPasswordFile(*addCommand(app, call, "passwd", "change the password value of \"admin\"",
+                              [](const Call& c) { return admin::changePassword(c.home, c.passwordFile); }),
+                  call);
+  app.require_subcommand(1);
+}
+
+int runProgram(int argc, char** argv) {
+  CLI::App app("Makes, examines and repairs the configuration homes of the encryption agent.", "kezu-admin");
+  Call call;
+  addCommands(app, call);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? admin::kSuccess : admin::kWrongCall;
+  }
+  call.home = std::filesystem::absolute(call.home).lexically_normal();
+  if (call.home.size() > 1 && call.home.back() == '/') {
+    call.home.pop_back();
+  }
+  return call.run(call);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return runProgram(argc, argv);
+  } catch (const std::exception& error) {
+    admin::complain(error.what());
+    return admin::kFailure;
+  }
+}
