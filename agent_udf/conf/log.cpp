@@ -24,7 +24,7 @@ constexpr std::size_t kCountRoom = 20;
 
 Log* findLog(int logType) {
   Log* log = LogFactory::getLogFactory()->getLog(logType);
-  assert(log != __null);
+  assert(log != __null);  // NOLINT(modernize-use-nullptr): the message is known by this text
   return log;
 }
 
