@@ -5,6 +5,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "conf/audit_event.h"
@@ -29,9 +30,10 @@ struct Password {
   ~Password() { OPENSSL_cleanse(text.data(), text.size()); }
 };
 
+// The record of the administrator, or the one behind the last.
 int indexOf(const std::string& id) {
   const Q7UserInfo* user = findAdministrator(id);
-  return user == nullptr ? kezu::observe(g_numberOfUserInfo) : static_cast<int>(user - g_userInfo);
+  return user == nullptr ? std::max(kezu::observe(g_numberOfUserInfo), 0) : static_cast<int>(user - g_userInfo);
 }
 
 void store(Q7UserInfo& user, const std::string& id, const std::string& passwd) {
