@@ -39,7 +39,7 @@ frame::Answer policyOf(std::string owner, std::string table, std::string column,
   if (kezuGetEncPolicyId(owner.data(), table.data(), column.data(), policy, error) != 0) {
     return frame::Answer::null();
   }
-  return buffer.copy(policy);
+  return buffer.copyTerminated(policy);
 }
 
 }  // namespace

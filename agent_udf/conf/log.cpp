@@ -31,7 +31,7 @@ Log* findLog(int logType) {
 frame::Answer lineCount(Log& log, const std::string& logDate, frame::ServerBuffer buffer) {
   char text[kCountRoom] = {};
   const int length = std::snprintf(text, kCountSize, "%" PRIu64, log.getNumTotalLines(logDate));
-  return buffer.copy(std::string_view(text, static_cast<std::size_t>(length)));
+  return buffer.copyTerminated(std::string_view(text, static_cast<std::size_t>(length)));
 }
 
 }  // namespace

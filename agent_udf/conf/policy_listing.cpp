@@ -47,14 +47,14 @@ frame::Answer flagInHex(Q7EncPolicyInfo& policy, frame::ServerBuffer buffer) {
   char digits[2 * sizeof policy.encFlag + 1];
   const int length = std::clamp(policy.encFlagLen, 0, static_cast<int>(sizeof policy.encFlag));
   const int written = bin2hex(policy.encFlag, digits, length, 0);
-  return buffer.copy(std::string_view(digits, static_cast<std::size_t>(written)));
+  return buffer.copyTerminated(std::string_view(digits, static_cast<std::size_t>(written)));
 }
 
 // By position the codes are shifted by one: code 0 is the name.
 frame::Answer fieldByPosition(Q7EncPolicyInfo policy, int field, frame::ServerBuffer buffer) {
   switch (field) {
     case 0:
-      return buffer.copy(std::string_view(policy.policyID, strnlen(policy.policyID, sizeof policy.policyID)));
+      return buffer.copyTerminated(std::string_view(policy.policyID, strnlen(policy.policyID, sizeof policy.policyID)));
     case 7:
       return flagInHex(policy, buffer);
     default:

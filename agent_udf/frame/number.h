@@ -13,11 +13,11 @@ namespace frame {
 // Room for a 32-bit number in decimal and its terminating zero.
 inline constexpr std::size_t kNumberSize = 17;
 
-// `value` in decimal, in the server's buffer.
+// `value` in decimal, in the server's buffer, with a terminating zero.
 inline Answer number(int value, ServerBuffer buffer) noexcept {
   char text[kNumberSize];
   const int length = std::snprintf(text, sizeof text, "%d", value);
-  return buffer.copy(std::string_view(text, static_cast<std::size_t>(length)));
+  return buffer.copyTerminated(std::string_view(text, static_cast<std::size_t>(length)));
 }
 
 // Storage for numbers of functions that leave the server's buffer alone: eight can be alive at once. Declare it
