@@ -8,7 +8,8 @@
 
 #include "kezu/query_priv.h"
 
-// Writes fields to a stream, with a comma in front of each but the first of the stream.
+// Writes fields to a stream, with a comma in front of each but the first of the stream: the one at put position 0. A
+// stream that can't tell its position, as boost::lexical_cast's, counts as fresh until the first field was written.
 class csv_ostream {
  public:
   explicit csv_ostream(std::ostream& os) : os_(os) {}
@@ -23,14 +24,21 @@ class csv_ostream {
  private:
   template <typename Field>
   csv_ostream& write(const Field& field) {
-    if (os_.tellp() != std::ostream::pos_type(0)) {
+    if (!isAtStart()) {
       os_ << ",";
     }
     os_ << field;
+    written_ = true;
     return *this;
   }
 
+  bool isAtStart() const {
+    const std::ostream::pos_type position = os_.tellp();
+    return position == std::ostream::pos_type(-1) ? !written_ : position == std::ostream::pos_type(0);
+  }
+
   std::ostream& os_;
+  bool written_ = false;
 };
 
 // Types that are not known, or none, are written as NULL; quotes inside a pattern are not escaped.
