@@ -36,7 +36,7 @@ class PolicyListing : public LoggedIn {
   }
 };
 
-class TwoPolicies : public PolicyListing {
+class TwoListedPolicies : public PolicyListing {
  protected:
   void SetUp() override {
     PolicyListing::SetUp();
@@ -59,7 +59,7 @@ TEST_F(PolicyListing, EmptyTableHasTheCountZeroAndNoFields) {
   EXPECT_THAT(at(0, 0), IsNull());
 }
 
-TEST_F(TwoPolicies, CountIsThatOfTheActiveSlot) {
+TEST_F(TwoListedPolicies, CountIsThatOfTheActiveSlot) {
   EXPECT_THAT(count(), IsText("2"));
   for (int slot = 1; slot < kPolicySlots; ++slot) {
     g_encPolicyArray_flag = slot;
@@ -70,7 +70,7 @@ TEST_F(TwoPolicies, CountIsThatOfTheActiveSlot) {
   EXPECT_THAT(count(), IsText("2000"));
 }
 
-TEST_F(TwoPolicies, EveryFormWithASessionReloadsOnceAndChangesNothing) {
+TEST_F(TwoListedPolicies, EveryFormWithASessionReloadsOnceAndChangesNothing) {
   count();
   named("first", 0);
   at(0, 1);
@@ -78,7 +78,7 @@ TEST_F(TwoPolicies, EveryFormWithASessionReloadsOnceAndChangesNothing) {
               ElementsAre("Q7_ReloadAllInfoIfChanged", "Q7_ReloadAllInfoIfChanged", "Q7_ReloadAllInfoIfChanged"));
 }
 
-TEST_F(TwoPolicies, FieldsByName) {
+TEST_F(TwoListedPolicies, FieldsByName) {
   const std::vector<std::string> first = {"101", "102", "103", "104", "105", "106"};
   const std::vector<std::string> second = {"-199", "-198", "-197", "-196", "-195", "-194"};
   for (int field = 0; field < 6; ++field) {
@@ -87,7 +87,7 @@ TEST_F(TwoPolicies, FieldsByName) {
   }
 }
 
-TEST_F(TwoPolicies, FieldsByPositionAreShiftedByOne) {
+TEST_F(TwoListedPolicies, FieldsByPositionAreShiftedByOne) {
   const std::vector<std::string> first = {"first", "101", "102", "103", "104", "105", "106", "01ab"};
   const std::vector<std::string> second = {"second", "-199", "-198", "-197",
                                            "-196",   "-195", "-194", "f7f7f7f7f7f7f7f7f7f7f7f7f7f7f7f7"};
@@ -97,7 +97,7 @@ TEST_F(TwoPolicies, FieldsByPositionAreShiftedByOne) {
   }
 }
 
-TEST_F(TwoPolicies, ResultsAreTerminatedTexts) {
+TEST_F(TwoListedPolicies, ResultsAreTerminatedTexts) {
   for (int field = 0; field < 8; ++field) {
     EXPECT_TRUE(isTerminated(at(1, field))) << field;
   }
@@ -105,7 +105,7 @@ TEST_F(TwoPolicies, ResultsAreTerminatedTexts) {
   EXPECT_TRUE(isTerminated(count()));
 }
 
-TEST_F(TwoPolicies, UnknownFieldIsNull) {
+TEST_F(TwoListedPolicies, UnknownFieldIsNull) {
   for (const long long field : {6LL, 7LL, 8LL}) {
     EXPECT_THAT(named("first", field), IsNull()) << field;
   }
@@ -117,7 +117,7 @@ TEST_F(TwoPolicies, UnknownFieldIsNull) {
   }
 }
 
-TEST_F(TwoPolicies, IndexOutsideTheTableIsNull) {
+TEST_F(TwoListedPolicies, IndexOutsideTheTableIsNull) {
   for (int field = 0; field < 8; ++field) {
     EXPECT_THAT(at(2, field), IsNull());
     for (const long long index : kNever) {
@@ -126,7 +126,7 @@ TEST_F(TwoPolicies, IndexOutsideTheTableIsNull) {
   }
 }
 
-TEST_F(TwoPolicies, NamesAreComparedCaseSensitivelyAndWhole) {
+TEST_F(TwoListedPolicies, NamesAreComparedCaseSensitivelyAndWhole) {
   for (const std::string& name :
        {std::string("First"), std::string("firs"), std::string("first "), std::string("third"), bytes("first\0"),
         bytes("first\0x"), std::string(17, 'x'), std::string(5000, 'f')}) {
@@ -134,18 +134,18 @@ TEST_F(TwoPolicies, NamesAreComparedCaseSensitivelyAndWhole) {
   }
 }
 
-TEST_F(TwoPolicies, FirstOfTwoEqualNamesIsRead) {
+TEST_F(TwoListedPolicies, FirstOfTwoEqualNamesIsRead) {
   add(0, "first", 900);
   EXPECT_THAT(named("first", 0), IsText("101"));
 }
 
-TEST_F(TwoPolicies, RecordsBehindTheCountAreNotRead) {
+TEST_F(TwoListedPolicies, RecordsBehindTheCountAreNotRead) {
   g_numberOfEncPolicy[0] = 1;
   EXPECT_THAT(named("second", 0), IsNull());
   EXPECT_THAT(at(1, 0), IsNull());
 }
 
-TEST_F(TwoPolicies, OnlyTheActiveSlotIsRead) {
+TEST_F(TwoListedPolicies, OnlyTheActiveSlotIsRead) {
   g_encPolicyArray_flag = 4;
   EXPECT_THAT(named("first", 0), IsNull());
   EXPECT_THAT(at(0, 0), IsNull());
@@ -201,7 +201,7 @@ TEST_F(PolicyListing, LengthOfAFlagThatItsFieldCanNotHaveStaysInside) {
   EXPECT_THAT(at(0, 7), IsText("666c6167" + std::string(24, '0')));
 }
 
-TEST_F(TwoPolicies, KeyIsInNoResult) {
+TEST_F(TwoListedPolicies, KeyIsInNoResult) {
   for (int field = -10; field < 30; ++field) {
     EXPECT_THAT(at(0, field).text(), ::testing::Not(::testing::HasSubstr("key material")));
     EXPECT_THAT(at(0, field).text(), ::testing::Not(::testing::HasSubstr("6b6579"))) << "in hexadecimal";
@@ -209,12 +209,12 @@ TEST_F(TwoPolicies, KeyIsInNoResult) {
   }
 }
 
-TEST_F(TwoPolicies, ArgumentsAreReadAsTheirLow32Bits) {
+TEST_F(TwoListedPolicies, ArgumentsAreReadAsTheirLow32Bits) {
   EXPECT_THAT(at(0x100000001LL, 0x100000000LL), IsText("second"));
   EXPECT_THAT(named("first", 0x100000005LL), IsText("106"));
 }
 
-TEST_F(TwoPolicies, TwoResultsCanBeAliveAtOnce) {
+TEST_F(TwoListedPolicies, TwoResultsCanBeAliveAtOnce) {
   const StringResult name1 = at(0, 0);
   const StringResult name2 = at(1, 0);
   const StringResult flag1 = at(0, 7);
@@ -225,7 +225,7 @@ TEST_F(TwoPolicies, TwoResultsCanBeAliveAtOnce) {
   EXPECT_EQ(flag2.length, 32U);
 }
 
-TEST_F(TwoPolicies, ReloadedTableIsTheOneThatIsRead) {
+TEST_F(TwoListedPolicies, ReloadedTableIsTheOneThatIsRead) {
   engine.onCall("Q7_ReloadAllInfoIfChanged", [] {
     add(1, "new", 500);
     g_encPolicyArray_flag = 1;
@@ -233,18 +233,18 @@ TEST_F(TwoPolicies, ReloadedTableIsTheOneThatIsRead) {
   EXPECT_THAT(at(0, 0), IsText("new"));
 }
 
-TEST_F(TwoPolicies, OtherArgumentCountsAreNull) {
+TEST_F(TwoListedPolicies, OtherArgumentCountsAreNull) {
   EXPECT_THAT(call(kezu_conf_get_policy, {kSession, "first"}), IsNull());
   EXPECT_THAT(call(kezu_conf_get_policy, arguments({kSession, "first"}, {0, 0})), IsNull());
 }
 
-TEST_F(TwoPolicies, WithoutALiveSessionIsNull) {
+TEST_F(TwoListedPolicies, WithoutALiveSessionIsNull) {
   expectNullUnderEachRefusal(kezu_conf_get_policy, [] { return arguments({kSession}); });
   expectNullUnderEachRefusal(kezu_conf_get_policy, [] { return arguments({kSession, "first"}, {0}); });
   expectNullUnderEachRefusal(kezu_conf_get_policy, [] { return arguments({kSession}, {0, 0}); });
 }
 
-TEST_F(TwoPolicies, ExceptionBecomesTheErrorFlag) {
+TEST_F(TwoListedPolicies, ExceptionBecomesTheErrorFlag) {
   engine.onCall("bin2hex", [] { throw std::bad_alloc(); });
   EXPECT_THAT(at(0, 7), IsNullWithError());
   engine.onCall("Q7_ReloadAllInfoIfChanged", [] { throw std::bad_alloc(); });

@@ -192,9 +192,9 @@ TEST_F(ThreeRules, MovedRuleMatchesItsOwnPatterns) {
 
 TEST_F(ThreeRules, RemovingTheMiddleAndTheLastLeavesTheOthers) {
   EXPECT_EQ(query_priv::remove("type_one", "^b", "type_two", "^B"), 3);
-  EXPECT_THAT(table(), ElementsAre("301:0/^a/1/^A/1", "602:2/^c/3/^C/3"));
+  EXPECT_THAT(table(), ElementsAre("300:0/^a/1/^A/1", "602:2/^c/3/^C/3"));
   EXPECT_EQ(query_priv::remove("type_two", "^c", "type_three", "^C"), 3);
-  EXPECT_THAT(table(), ElementsAre("301:0/^a/1/^A/1"));
+  EXPECT_THAT(table(), ElementsAre("300:0/^a/1/^A/1"));
   EXPECT_TRUE(query_priv::get(0)->checkPattern("ax", "Ax"));
 }
 
