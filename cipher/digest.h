@@ -120,9 +120,11 @@ class HmacHas160 {
 // HMAC with a digest chosen at run time.
 class Hmac {
  public:
+  // The states' constructors do not throw, so neither does choosing one of them.
+  // NOLINTNEXTLINE(bugprone-exception-escape)
   Hmac(Digest algorithm, Bytes key) noexcept;
 
-  Digest algorithm() const noexcept { return algorithm_; }
+  [[nodiscard]] Digest algorithm() const noexcept { return algorithm_; }
 
   // The code of the parts, one after the other, into `out`, which holds digestSize(algorithm()) bytes. False, with
   // `out` wiped, on failure.

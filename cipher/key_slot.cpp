@@ -83,7 +83,7 @@ class KeySlot : public _BCipherKey {
   KeySlot() noexcept : _BCipherKey{} {}
 
   // For the holder of the store's lock.
-  bool live() const noexcept { return generation_.load(std::memory_order_relaxed) % 2 != 0; }
+  [[nodiscard]] bool live() const noexcept { return generation_.load(std::memory_order_relaxed) % 2 != 0; }
   void fill(int algorithm, const KeyData& data) noexcept;
   void wipe() noexcept;
   void read(KeyData& data) const noexcept;
@@ -97,9 +97,9 @@ class KeySlot : public _BCipherKey {
   bool given = false;       // a caller owns the handle
 
  private:
-  bool boundTo(Bytes binding) const noexcept;
+  [[nodiscard]] bool boundTo(Bytes binding) const noexcept;
   PooledKey* takePooled(std::uint64_t generation) noexcept;
-  PooledKey* prepare(std::uint64_t generation) const noexcept;
+  [[nodiscard]] PooledKey* prepare(std::uint64_t generation) const noexcept;
   PoolEntry* pool() noexcept;
   static bool put(PoolEntry* pool, PooledKey* pooled) noexcept;
   static void drain(PoolEntry* pool) noexcept;
@@ -184,7 +184,7 @@ PooledKey* KeySlot::prepare(std::uint64_t generation) const noexcept {
 PoolEntry* KeySlot::pool() noexcept {
   PoolEntry* entries = pool_.load(std::memory_order_acquire);
   if (entries != nullptr) return entries;
-  PoolEntry* made = new (std::nothrow) PoolEntry[poolSize()];
+  auto* made = new (std::nothrow) PoolEntry[poolSize()];
   if (made == nullptr || pool_.compare_exchange_strong(entries, made)) return made;
   delete[] made;
   return entries;
@@ -288,7 +288,7 @@ class SlotStore {
 // there.
 SlotStore& store() noexcept {
   alignas(SlotStore) static unsigned char memory[sizeof(SlotStore)];
-  static SlotStore* const made = new (memory) SlotStore;
+  static auto* const made = new (memory) SlotStore;
   return *made;
 }
 

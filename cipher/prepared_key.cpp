@@ -85,8 +85,6 @@ PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
     return nullptr;
   }
   if (EVP_CipherInit_ex2(context, nullptr, material_.cipherKey, nullptr, direction, nullptr) != 1) return nullptr;
-  // Lets one SIV context serve many texts; by default it refuses the second.
-  if (suite_.form == Form::kSiv && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_SET_SPEED, 1, nullptr) != 1) return nullptr;
   return made;
 }
 
@@ -126,29 +124,24 @@ bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv
   return associate(running, associated) && transform(running, out, text) && takeTag(running, tag, suite_.tagSize);
 }
 
-// A SIV context that has taken in the associated data and the nonce. Without either it is the kept one, which never
-// changes; else it is a copy, because what a context has taken in stays in it.
-EVP_CIPHER_CTX* PreparedKey::restartSiv(Context& copy, bool encrypting,
-                                        std::initializer_list<Bytes> components) noexcept {
-  EVP_CIPHER_CTX* kept = context(encrypting);
-  const bool any =
-      std::any_of(components.begin(), components.end(), [](Bytes component) { return !component.empty(); });
-  if (kept == nullptr || !any) return kept;
-  copy.reset(EVP_CIPHER_CTX_new());
+// A SIV context that has taken in the components that are not empty. Every text gets a copy of the kept context,
+// because a context's state goes on from text to text and cannot be set back.
+PreparedKey::Context PreparedKey::startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept {
+  const EVP_CIPHER_CTX* kept = context(encrypting);
+  Context copy(kept == nullptr ? nullptr : EVP_CIPHER_CTX_new());
   if (copy == nullptr || EVP_CIPHER_CTX_copy(copy.get(), kept) != 1) return nullptr;
   for (const Bytes component : components) {
     if (!associate(copy.get(), component)) return nullptr;
   }
-  return copy.get();
+  return copy;
 }
 
 bool PreparedKey::encryptSiv(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept {
   unsigned char leftAway[sizeof kEmptySivText];
-  Context copy;
   const bool empty = text.empty();
-  EVP_CIPHER_CTX* running = restartSiv(copy, true, {empty ? Bytes(kEmptySivComponent) : Bytes(), associated, iv});
-  return running != nullptr && transform(running, empty ? leftAway : out, empty ? Bytes(kEmptySivText) : text) &&
-         takeTag(running, tag, suite_.tagSize);
+  const Context running = startSiv(true, {empty ? Bytes(kEmptySivComponent) : Bytes(), associated, iv});
+  return running != nullptr && transform(running.get(), empty ? leftAway : out, empty ? Bytes(kEmptySivText) : text) &&
+         takeTag(running.get(), tag, suite_.tagSize);
 }
 
 bool PreparedKey::decryptSiv(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
@@ -156,9 +149,8 @@ bool PreparedKey::decryptSiv(unsigned char* out, Bytes iv, Bytes associated, Byt
     unsigned char expected[kMaxTagSize];
     return encryptSiv(nullptr, expected, iv, associated, {}) && CRYPTO_memcmp(expected, tag.data(), tag.size()) == 0;
   }
-  Context copy;
-  EVP_CIPHER_CTX* running = restartSiv(copy, false, {associated, iv});
-  return running != nullptr && giveTag(running, tag) && transform(running, out, cipherText);
+  const Context running = startSiv(false, {associated, iv});
+  return running != nullptr && giveTag(running.get(), tag) && transform(running.get(), out, cipherText);
 }
 
 // HMAC-SHA256 over the length of the associated data, the data, the initialization vector and the cipher text.

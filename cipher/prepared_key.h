@@ -43,7 +43,7 @@ class PreparedKey {
   PreparedKey& operator=(const PreparedKey&) = delete;
   ~PreparedKey() { OPENSSL_cleanse(&material_, sizeof material_); }
 
-  const Suite& suite() const noexcept { return suite_; }
+  [[nodiscard]] const Suite& suite() const noexcept { return suite_; }
 
   // Encrypts a text.
   //   out         suite().cipherSize(text.size()) bytes.
@@ -53,8 +53,8 @@ class PreparedKey {
   //   text        must not overlap out; text and cipher text have at most 2^31 - 1 bytes.
   // Not for one-way suites. False, with the contents of out and tag unspecified, when OpenSSL fails.
   //
-  // No allocation, no lock and no key schedule after the first call, with one exception: SIV with associated data or a
-  // nonce, whose OpenSSL context cannot be set back and is copied for each text (about a microsecond).
+  // No allocation, no lock and no key schedule after the first call. SIV is the exception: OpenSSL cannot set its
+  // context back, so every text takes a copy of one (about a microsecond).
   bool encrypt(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;
 
   // Decrypts what encrypt() made. The same rules; `out` may hold fewer bytes than the text needs.
@@ -74,9 +74,9 @@ class PreparedKey {
   using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
-  Context makeContext(bool encrypting) const noexcept;
+  [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
-  EVP_CIPHER_CTX* restartSiv(Context& copy, bool encrypting, std::initializer_list<Bytes> components) noexcept;
+  Context startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept;
 
   bool encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcept;
   bool encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated, Bytes text) noexcept;

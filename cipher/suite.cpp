@@ -6,7 +6,8 @@
 #include <openssl/evp.h>
 
 #include <array>
-#include <string>
+#include <cstdio>
+#include <new>
 
 #include "cipher/library.h"
 
@@ -80,7 +81,7 @@ class SuiteTable {
     forgetErrors();
   }
 
-  const Offer& at(int algorithm, int blockMode) const noexcept {
+  [[nodiscard]] const Offer& at(int algorithm, int blockMode) const noexcept {
     return offers_[static_cast<std::size_t>(algorithm)][static_cast<std::size_t>(blockMode)];
   }
 
@@ -90,9 +91,9 @@ class SuiteTable {
   }
 
   void addBlockCipher(const AlgorithmEntry& algorithm, const ModeEntry& mode) {
-    std::string name = algorithm.name;
-    name += mode.name;
-    const EVP_CIPHER* cipher = EVP_CIPHER_fetch(libraryContext(), name.c_str(), nullptr);
+    char name[32];
+    std::snprintf(name, sizeof name, "%s%s", algorithm.name, mode.name);
+    const EVP_CIPHER* cipher = EVP_CIPHER_fetch(libraryContext(), name, nullptr);
     if (cipher == nullptr) return;
     const bool smallBlock = algorithm.algorithm == Algorithm::kTdes168;
     if (smallBlock && !mode.smallBlocks) return;

@@ -79,7 +79,7 @@ struct Suite {
   unsigned char tagSize = 0;  // bytes of the authentication tag, 0 for none
 
   // Bytes that a text of `size` bytes becomes, initialization vector and tag not counted.
-  std::size_t cipherSize(std::size_t size) const noexcept {
+  [[nodiscard]] std::size_t cipherSize(std::size_t size) const noexcept {
     if (form == Form::kOneWay) return digestSize(digest);
     return padBlock == 0 ? size : size + padBlock - size % padBlock;
   }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "engine/kms/kms.h"
 #include "engine/store/store.h"
@@ -21,7 +22,6 @@
 namespace {
 
 using engine::store::Error;
-using engine::store::Home;
 using engine::store::Status;
 using engine::store::Store;
 using engine::store::TableId;
@@ -29,13 +29,15 @@ using engine::store::TableId;
 struct Engine {
   std::mutex mutex;
   std::unique_ptr<Store> store;  // null until the engine runs
-  std::atomic<bool> running{false};
-  std::string fault;  // what the last start or reload failed with, empty when it succeeded
+  std::string fault;             // what the last start or reload failed with, empty when it succeeded
 };
+
+// Whether the engine runs, for callers that only want to know that.
+constinit std::atomic<bool> running{false};
 
 // Never destroyed: connection threads may still call while the process ends.
 Engine& shared() {
-  static Engine* const instance = new Engine;
+  static auto* const instance = new Engine;
   return *instance;
 }
 
@@ -88,7 +90,7 @@ Status start(Engine& engine) {
   return {};
 }
 
-void giveText(char* out, std::size_t capacity, const std::string& text) noexcept {
+void giveText(char* out, std::size_t capacity, std::string_view text) noexcept {
   if (out != nullptr) {
     const std::size_t length = std::min(text.size(), capacity - 1);
     std::memcpy(out, text.data(), length);
@@ -96,7 +98,11 @@ void giveText(char* out, std::size_t capacity, const std::string& text) noexcept
   }
 }
 
-int initialize(Engine& engine, char* message) {
+int initialize(Engine& engine, unsigned int mode, char* message) {
+  if (mode != 1) {
+    giveText(message, kInitMessageSize, fmt::format("The engine has no mode {}.", mode));
+    return 1;
+  }
   if (engine.store) {
     return 0;
   }
@@ -106,7 +112,7 @@ int initialize(Engine& engine, char* message) {
     return 1;
   }
   engine.fault.clear();
-  engine.running.store(true, std::memory_order_release);
+  running.store(true, std::memory_order_release);
   return 0;
 }
 
@@ -151,14 +157,10 @@ extern "C" {
 
 int kezuInitialize(unsigned int mode, char* scratch, char* message) {
   giveText(scratch, kInitScratchSize, KEZU_VERSION);
-  if (mode != 1) {
-    giveText(message, kInitMessageSize, fmt::format("The engine has no mode {}.", mode));
-    return 1;
-  }
-  if (shared().running.load(std::memory_order_acquire)) {
+  if (mode == 1 && running.load(std::memory_order_acquire)) {
     return 0;
   }
-  const int result = guarded(-1, [message](Engine& engine) { return initialize(engine, message); });
+  const int result = guarded(-1, [mode, message](Engine& engine) { return initialize(engine, mode, message); });
   if (result < 0) {
     giveText(message, kInitMessageSize, "The engine did not start: out of memory.");
   }

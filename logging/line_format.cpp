@@ -102,7 +102,7 @@ class Body {
     if (const std::string_view escape = shortEscape(character.code); !escape.empty()) {
       return add(escape);
     }
-    const bool separates = isKey && (character.code == ' ' || character.code == '=');
+    const bool separates = isKey && character.code == '=';
     if (!separates && character.code != kNoCharacter && !isControl(character.code)) {
       return add({bytes, character.size});
     }

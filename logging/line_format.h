@@ -32,7 +32,8 @@ inline constexpr std::size_t kMaxLine = 65536;
 //
 // Escapes: \" \\ \n \r \t, and \xNN (lower-case digits) for the other bytes of control characters (C0, DEL, C1, line
 // and paragraph separators, the controls that reorder bidirectional text) and for bytes that are not part of valid
-// UTF-8 (RFC 3629). In keys also \x20 and \x3d, so that a blank and an equals sign always separate.
+// UTF-8 (RFC 3629). In keys also \x3d: a pair's key ends at the first =", and its value at the next quote that is not
+// escaped. Blanks in keys stand as they are.
 std::string formatEvent(int level, const char* const* messages);
 
 // Writes the local time with milliseconds and zone over the blanks. Returns false, with the line unchanged, for a time

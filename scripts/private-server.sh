@@ -27,11 +27,11 @@ private_server_user() {
 private_server_create() {
   local dir=$1
   rm -rf "$dir"
-  mkdir -p "$dir"
+  mkdir -p "$dir/tmp"
   # With --force it does without a host name that resolves.
   # shellcheck disable=SC2046
-  if ! mariadb-install-db --no-defaults --datadir="$dir/data" --auth-root-authentication-method=normal --skip-test-db \
-    --force $(private_server_user) >"$dir/install-db.log" 2>&1; then
+  if ! TMPDIR=$dir/tmp mariadb-install-db --no-defaults --datadir="$dir/data" --auth-root-authentication-method=normal \
+    --skip-test-db --force $(private_server_user) >"$dir/install-db.log" 2>&1; then
     cat "$dir/install-db.log" >&2
     return 1
   fi
@@ -50,12 +50,13 @@ private_server_start() {
   local dir=$1 home=$2 plugins=$3 tries
   shift 3
   private_server_choose_socket "$dir"
-  # In a session of its own, Ctrl-C at the terminal does not reach it before the script stops it.
+  # A server that starts clears its folder for temporary tables: it must not be one that others use. In a session of its own,
+  # Ctrl-C at the terminal does not reach it before the script stops it.
   # shellcheck disable=SC2046
-  KEZU_HOME=$home setsid setpriv --pdeathsig TERM mariadbd --no-defaults $(private_server_user) --datadir="$dir/data" \
-    --socket="${private_server_socket[$dir]}" --pid-file="$dir/mariadb.pid" --log-error="$dir/error.log" \
-    --skip-networking --plugin-dir="$plugins" --character-set-server=utf8mb4 --collation-server=utf8mb4_general_ci \
-    --innodb-buffer-pool-size=64M --innodb-log-file-size=16M "$@" </dev/null >/dev/null 2>&1 &
+  TMPDIR=$dir/tmp KEZU_HOME=$home setsid setpriv --pdeathsig TERM mariadbd --no-defaults $(private_server_user) \
+    --datadir="$dir/data" --socket="${private_server_socket[$dir]}" --pid-file="$dir/mariadb.pid" --log-error="$dir/error.log" --skip-networking \
+    --plugin-dir="$plugins" --character-set-server=utf8mb4 \
+    --collation-server=utf8mb4_general_ci --innodb-buffer-pool-size=64M --innodb-log-file-size=16M "$@" </dev/null >/dev/null 2>&1 &
   private_server_pid[$dir]=$!
   disown  # bash reports the end of other jobs that are killed
   for ((tries = 0; tries < 600; ++tries)); do

@@ -18,8 +18,8 @@ class AssociatedData {
   AssociatedData(const ValueFormat& format, const cipher::Suite& suite, const ValueParts& parts) noexcept;
 
   // False when memory ran out.
-  bool valid() const noexcept { return valid_; }
-  Bytes bytes() const noexcept { return bytes_; }
+  [[nodiscard]] bool valid() const noexcept { return valid_; }
+  [[nodiscard]] Bytes bytes() const noexcept { return bytes_; }
 
  private:
   Scratch scratch_{ScratchUse::kClearParts};

@@ -33,18 +33,17 @@ int hash(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsi
   return 0;
 }
 
-// The key handle of a record of the table, null for any other record.
-BCipherKey handleOf(const Q7EncPolicyInfo* policy) noexcept {
+// The place of the key handle that belongs to a record of the table; null for a record elsewhere.
+const BCipherKey* handlePlaceOf(const Q7EncPolicyInfo* policy) noexcept {
   const auto table = reinterpret_cast<std::uintptr_t>(&g_encPolicyArray);
   const auto record = reinterpret_cast<std::uintptr_t>(policy);
   if (record < table || record >= table + sizeof g_encPolicyArray) return nullptr;
-  const std::size_t offset = record - table;
-  const std::size_t index = offset / sizeof(Q7EncPolicyInfo);
-  if (offset % sizeof(Q7EncPolicyInfo) != 0) return nullptr;
-  return kezu::observe(g_makeKeyArray[index / kMaxPolicies][index % kMaxPolicies]);
+  const std::size_t index = (record - table) / sizeof(Q7EncPolicyInfo);
+  return &g_makeKeyArray[index / kMaxPolicies][index % kMaxPolicies];
 }
 
-// With the keyed state that the record's handle keeps.
+// With the keyed state that the record's handle keeps. A record of the table without a handle has no key: it may be
+// half written.
 bool hmacWith(BCipherKey key, const PolicyCopy& policy, Digest algorithm, unsigned char* out, Bytes data) noexcept {
   cipher::Session session(key, policy.binding());
   const bool done = session && session.key().keyedDigest(algorithm, out, {&data, 1});
@@ -77,11 +76,12 @@ int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char
   if (outLen != nullptr) *outLen = 0;
   if (policy == nullptr || !engine::usable(out, outLen, in, inLen, algorithm)) return 1;
   const auto chosen = static_cast<cipher::Digest>(algorithm);
-  BCipherKey key = engine::handleOf(policy);
+  const BCipherKey* place = engine::handlePlaceOf(policy);
+  BCipherKey key = place == nullptr ? nullptr : kezu::observe(*place);
   const engine::PolicyCopy own(*policy);
   const engine::Bytes data(in, inLen);
   const bool done =
-      key != nullptr ? engine::hmacWith(key, own, chosen, out, data) : engine::hmacOnce(own, chosen, out, data);
+      place != nullptr ? engine::hmacWith(key, own, chosen, out, data) : engine::hmacOnce(own, chosen, out, data);
   if (!done) return 1;
   *outLen = static_cast<unsigned int>(cipher::digestSize(chosen));
   return 0;

@@ -26,11 +26,11 @@ class ValueCall {
                inLen <= INT_MAX) {}
 
   // Whether the pointers and the length can be worked with.
-  bool valid() const noexcept { return valid_; }
+  [[nodiscard]] bool valid() const noexcept { return valid_; }
 
-  Bytes value() const noexcept { return value_; }
-  unsigned char* out() const noexcept { return out_; }
-  std::size_t capacity() const noexcept { return capacity_; }
+  [[nodiscard]] Bytes value() const noexcept { return value_; }
+  [[nodiscard]] unsigned char* out() const noexcept { return out_; }
+  [[nodiscard]] std::size_t capacity() const noexcept { return capacity_; }
 
   // The three ends of a call. Each returns what the operation returns.
   int noResult() noexcept {

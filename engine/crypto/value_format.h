@@ -36,51 +36,51 @@ class ValueFormat {
   ValueFormat(const Q7EncPolicyInfo& policy, const cipher::Suite& suite) noexcept;
 
   // Whether only a part of each value is encrypted.
-  bool partial() const noexcept { return partial_; }
+  [[nodiscard]] bool partial() const noexcept { return partial_; }
 
   // Whether the initialization vector is computed from the value.
-  bool computesIv() const noexcept { return computesIv_; }
+  [[nodiscard]] bool computesIv() const noexcept { return computesIv_; }
 
   // Bytes of the initialization vector in a raw value.
-  std::size_t ivSize() const noexcept { return ivSize_; }
+  [[nodiscard]] std::size_t ivSize() const noexcept { return ivSize_; }
 
-  Bytes flag() const noexcept { return flag_; }
+  [[nodiscard]] Bytes flag() const noexcept { return flag_; }
 
   // Whether a value of `size` bytes, clear or encrypted, is stored as it is: one that ends before the range to encrypt
   // begins.
-  bool leavesAsIs(std::size_t size) const noexcept { return partial_ && size <= position_; }
+  [[nodiscard]] bool leavesAsIs(std::size_t size) const noexcept { return partial_ && size <= position_; }
 
   // Bytes that a text of `size` bytes becomes: raw, and with flag and text encoding. At most 2^34.
-  std::uint64_t rawSize(std::uint64_t size) const noexcept;
-  std::uint64_t encodedSize(std::uint64_t size) const noexcept;
+  [[nodiscard]] std::uint64_t rawSize(std::uint64_t size) const noexcept;
+  [[nodiscard]] std::uint64_t encodedSize(std::uint64_t size) const noexcept;
 
   // Bytes that a value of `size` bytes becomes, or nothing where that is past 2^31 - 1.
-  std::optional<unsigned int> valueSize(std::size_t size) const noexcept;
+  [[nodiscard]] std::optional<unsigned int> valueSize(std::size_t size) const noexcept;
 
   // Splits a clear value. Not for one that stays as it is.
-  ValueParts splitClear(Bytes value) const noexcept;
+  [[nodiscard]] ValueParts splitClear(Bytes value) const noexcept;
 
   // Splits an encrypted value. Not for one that stays as it is.
-  ValueParts splitEncrypted(Bytes value) const noexcept;
+  [[nodiscard]] ValueParts splitEncrypted(Bytes value) const noexcept;
 
   // Whether a clear middle part of this size, with or without something after it, is what a clear value splits into.
-  bool fits(std::size_t middle, bool somethingAfter) const noexcept;
+  [[nodiscard]] bool fits(std::size_t middle, bool somethingAfter) const noexcept;
 
   // Whether a text begins as an encoded one does: the flag, then the version byte in the policy's encoding.
-  bool looksEncoded(Bytes text) const noexcept;
+  [[nodiscard]] bool looksEncoded(Bytes text) const noexcept;
 
   // Writes the text encoding of `raw` to `out`. Raw may be the last bytes of the room that the text takes.
   void encode(unsigned char* out, Bytes raw) const noexcept;
 
   // Bytes that encoded text, its flag left off, takes when it is decoded.
-  std::size_t decodedSize(Bytes text) const noexcept;
+  [[nodiscard]] std::size_t decodedSize(Bytes text) const noexcept;
 
   // Decodes text, its flag left off, into `room` (decodedSize() bytes, not used by the raw encoding). Returns the raw
   // bytes, nothing when the text is not of the encoding's form.
   std::optional<Bytes> decode(unsigned char* room, Bytes text) const noexcept;
 
   // The parts of a raw value; nothing when its version is another or it is too short.
-  std::optional<RawParts> splitRaw(Bytes raw) const noexcept;
+  [[nodiscard]] std::optional<RawParts> splitRaw(Bytes raw) const noexcept;
 
  private:
   cipher::Suite suite_;

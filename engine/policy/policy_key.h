@@ -23,7 +23,9 @@ class PolicyCopy {
   const Q7EncPolicyInfo* operator->() const noexcept { return &record_; }
 
   // What a key handle is bound to: every byte of the record, those between its fields zeroed. They hold the column key.
-  cipher::Bytes binding() const noexcept { return {reinterpret_cast<const unsigned char*>(&record_), sizeof record_}; }
+  [[nodiscard]] cipher::Bytes binding() const noexcept {
+    return {reinterpret_cast<const unsigned char*>(&record_), sizeof record_};
+  }
 
  private:
   Q7EncPolicyInfo record_;

@@ -82,7 +82,7 @@ class Reader {
     store(field, string(name, 1, N, true));
   }
   void pattern(const char* name, std::string& value) {
-    if (const auto* bytes = string(name, 0, SIZE_MAX, true)) {
+    if (const auto* bytes = string(name, 0, SIZE_MAX, false)) {
       value.assign(bytes->begin(), bytes->end());
     }
   }

@@ -125,16 +125,19 @@ bool makeLater(FileSystem& files, int fd, struct stat& status, std::int64_t afte
   return files.futimens(fd, times) == 0 && files.fstat(fd, &status) == 0;
 }
 
-// Fills a new file and gives its identity. Null, with errno and what was being done, on failure.
+// Fills a new file and gives its identity. Nothing, with errno and what could not be done, on failure.
 std::optional<FileIdentity> fillFile(FileSystem& files, int fd, std::span<const unsigned char> bytes,
-                                     std::optional<std::int64_t> after, const char*& doing) {
+                                     std::optional<std::int64_t> after, const char*& failed) {
   struct stat status = {};
-  doing = "cannot be written";
-  if (!writeAll(files, fd, bytes) || files.fstat(fd, &status) != 0 ||
-      (after && !makeLater(files, fd, status, *after))) {
+  failed = "cannot be written";
+  if (!writeAll(files, fd, bytes)) {
     return std::nullopt;
   }
-  doing = "cannot be synced";
+  failed = "cannot be given its time";
+  if (files.fstat(fd, &status) != 0 || (after && !makeLater(files, fd, status, *after))) {
+    return std::nullopt;
+  }
+  failed = "cannot be synced";
   if (files.fsync(fd) != 0) {
     return std::nullopt;
   }
@@ -208,11 +211,11 @@ Result<FileIdentity> writeFile(FileSystem& files, const std::string& path, std::
   if (!file.ok()) {
     return systemError(path, "cannot be created");
   }
-  const char* doing = nullptr;
-  if (const auto identity = fillFile(files, file.fd(), bytes, after, doing)) {
+  const char* failed = nullptr;
+  if (const auto identity = fillFile(files, file.fd(), bytes, after, failed)) {
     return *identity;
   }
-  const Error error = systemError(path, doing);
+  const Error error = systemError(path, failed);
   files.unlink(path.c_str());
   return error;
 }

@@ -90,7 +90,7 @@ Status Store::loadAll() {
   for (Entry& entry : entries_) {
     all.push_back(&entry);
   }
-  return reload(std::move(all));
+  return reload(all);
 }
 
 Status Store::reloadChanged() {
@@ -104,7 +104,7 @@ Status Store::reloadChanged() {
       stale.push_back(&entry);
     }
   }
-  return stale.empty() ? Status() : reload(std::move(stale));
+  return stale.empty() ? Status() : reload(stale);
 }
 
 Status Store::reloadChanged(TableId id) {
@@ -149,7 +149,7 @@ Result<Store::Staged> Store::stage(Entry& entry, const std::string& path) const 
   return Staged{&entry, std::move(table.value()), image.value().identity, std::move(image.value().checkString)};
 }
 
-Status Store::reload(std::vector<Entry*> entries) {
+Status Store::reload(const std::vector<Entry*>& entries) {
   std::vector<Staged> all;
   for (Entry* entry : entries) {
     auto staged = stage(*entry, path(*entry));

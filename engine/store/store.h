@@ -87,7 +87,7 @@ class Store {
 
   Result<bool> changed(const Entry& entry) const;
   Result<Staged> stage(Entry& entry, const std::string& path) const;
-  Status reload(std::vector<Entry*> entries);
+  Status reload(const std::vector<Entry*>& entries);
   void publish(Staged& staged) noexcept;
 
   Status write(Entry& entry, const cipher::SecretBytes& payload);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Statement names as the server's own status counters have them. New names go to the end, before the null entry: rules are
-// stored with a name's index.
+// Statement names as the server's own status counters have them. New names go to the end, before the null entry: rules
+// are stored with a name's index.
 #include "kezu/engine.h"
 
 extern "C" {

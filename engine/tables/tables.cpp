@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The tables themselves. Those that hold keys or passwords start on pages of their own, so that they can be kept out of core
-// dumps without taking anything else with them.
+// The tables themselves. Those that hold keys or passwords start on pages of their own, so that they can be kept out of
+// core dumps without taking anything else with them.
 #include "kezu/engine.h"
 
 namespace {
@@ -41,8 +41,8 @@ char g_last_privilege_KezuFileChkStr[kFileChkStrSize];
 char g_last_queryPriv_KezuFileChkStr[kFileChkStrSize];
 
 const char* const Q7EncryptionAlgorithmStr[kAlgorithmCount] = {
-    "AES128",    "AES192",      "AES256",      "ARIA128", "ARIA192",  "ARIA256",  "SEED128",
-    "CAMELLIA128", "CAMELLIA192", "CAMELLIA256", "SM4",     "TDES168",  "CHACHA20", "HMAC-SHA256",
+    "AES128",      "AES192",      "AES256",      "ARIA128",    "ARIA192",    "ARIA256",   "SEED128",
+    "CAMELLIA128", "CAMELLIA192", "CAMELLIA256", "SM4",        "TDES168",    "CHACHA20",  "HMAC-SHA256",
     "HMAC-SHA512", "HMAC-HAS160", "RESERVED16",  "RESERVED17", "RESERVED18", "AES128-NI", "AES256-NI",
 };
 const char* const Q7EncryptionIVTypeStr[kIvTypeCount] = {"DETERMINISTIC", "RANDOM"};
@@ -50,6 +50,7 @@ const char* const Q7EncryptionBlockModeTypeStr[kBlockModeCount] = {
     "ECB", "CBC", "CFB", "OFB", "CTR", "GCM", "CCM", "SIV", "CBC-HMAC", "CFB8", "CTR-HMAC", "OCB",
 };
 const char* const Q7EncryptionStrModeStr[kStrModeCount] = {"RAW", "BASE64", "HEX"};
-const char* const Q7DecryptDenyModeStr[kDecryptDenyModeCount] = {"ERROR", "RAW DATA", "EMPTY DATA", "MASKING", "RESERVED"};
+const char* const Q7DecryptDenyModeStr[kDecryptDenyModeCount] = {"ERROR", "RAW DATA", "EMPTY DATA", "MASKING",
+                                                                 "RESERVED"};
 
 }  // extern "C"

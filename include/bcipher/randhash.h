@@ -15,8 +15,8 @@ struct RANDHASH_CTX {
 // Prepares a context. Returns 0, non-zero for a null context.
 int RANDHASH_Initialize(RANDHASH_CTX* ctx);
 
-// Fills `buffer` with `length` random bytes. Returns 0; non-zero, with the buffer zeroed, when the context was not prepared
-// or the generator fails. Length 0 is accepted and writes nothing.
+// Fills `buffer` with `length` random bytes. Returns 0; non-zero, with the buffer zeroed, when the context was not
+// prepared or the generator fails. Length 0 is accepted and writes nothing.
 int RANDHASH_GetRandomNum(unsigned char* buffer, unsigned int length, RANDHASH_CTX* ctx);
 
 }  // extern "C"

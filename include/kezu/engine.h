@@ -2,14 +2,15 @@
 //
 // The engine's interface: configuration records, the global tables that hold them, and the operations on them.
 //
-// libkezu.so defines every global and every operation declared here. Callers read and rewrite the tables in place and then
-// call the save operation of the table that they changed; the engine loads the tables at start and reloads them when their
-// files were changed by another process.
+// libkezu.so defines every global and every operation declared here. Callers read and rewrite the tables in place and
+// then call the save operation of the table that they changed; the engine loads the tables at start and reloads them
+// when their files were changed by another process.
 //
 // Conventions that hold for the whole header:
 //  - Every text field is a zero-terminated character array whose size includes the terminating zero. Texts are byte
 //    strings, compared exactly and case-sensitively.
-//  - The tables, counters and modes are shared by every thread of the process without a lock. What one thread reads while
+//  - The tables, counters and modes are shared by every thread of the process without a lock. What one thread reads
+//  while
 //    another publishes it goes through the operations of kezu/shared.h.
 //  - No operation throws. All operations may be called from any thread, from several at once. Nothing is owned by the
 //    caller unless the operation says so, and every out-parameter is the caller's memory.
@@ -93,8 +94,8 @@ struct Q7EncPriv {
 
 // One entry of the query-privilege table.
 struct Q7QueryPrivData {
-  int sqlType;             // combined key of the rule's two statement types
-  Q7QueryPriv queryPriv;   // the rule
+  int sqlType;            // combined key of the rule's two statement types
+  Q7QueryPriv queryPriv;  // the rule
 };
 
 // How the migration of a table to encrypted columns is undone.
@@ -108,11 +109,11 @@ struct Q7TableInfo {
 // One administrator. The four session fields live in memory only.
 struct Q7UserInfo {
   char id[65];
-  char passwd[128];       // the stored password value: the secret half of the login response
-  char sessionId[128];    // 64 hexadecimal digits, or empty
-  time_t authTime;        // last login or refresh, seconds since the epoch; -1 when no session is valid
-  int authFailCount;      // consecutive failed logins
-  time_t authLockTime;    // end of the lock after repeated failures, seconds since the epoch; 0 for none
+  char passwd[128];     // the stored password value: the secret half of the login response
+  char sessionId[128];  // 64 hexadecimal digits, or empty
+  time_t authTime;      // last login or refresh, seconds since the epoch; -1 when no session is valid
+  int authFailCount;    // consecutive failed logins
+  time_t authLockTime;  // end of the lock after repeated failures, seconds since the epoch; 0 for none
 };
 
 // Which kinds of use are audited: zero or non-zero each.
@@ -157,9 +158,10 @@ extern "C" {
 // ---------------------------------------------------------------------------------------------------------------------
 // Tables, counters and modes
 
-// The policy table: five slots, of which g_encPolicyArray_flag names the active one. A change builds the whole table in the
-// next slot, stores its count and then the flag; the active slot is not edited in place (switching the key-server mode off
-// is the exception). Handle [s][i] of g_makeKeyArray belongs to record [s][i] of g_encPolicyArray; null means none.
+// The policy table: five slots, of which g_encPolicyArray_flag names the active one. A change builds the whole table in
+// the next slot, stores its count and then the flag; the active slot is not edited in place (switching the key-server
+// mode off is the exception). Handle [s][i] of g_makeKeyArray belongs to record [s][i] of g_encPolicyArray; null means
+// none.
 extern Q7EncPolicyInfo g_encPolicyArray[kPolicySlots][kMaxPolicies];
 extern BCipherKey g_makeKeyArray[kPolicySlots][kMaxPolicies];
 extern int g_numberOfEncPolicy[kPolicySlots];
@@ -184,8 +186,8 @@ extern Q7DecryptDenyMode g_decryptDenyMode;
 extern int g_doubleEncryptMode;
 extern Q7KmsMode g_kmsMode;
 
-// Fingerprints of the configuration files as last loaded or saved: zero-terminated text of hexadecimal digits, empty for a
-// file that was never loaded.
+// Fingerprints of the configuration files as last loaded or saved: zero-terminated text of hexadecimal digits, empty
+// for a file that was never loaded.
 extern char g_last_policy_KezuFileChkStr[kFileChkStrSize];
 extern char g_last_column_KezuFileChkStr[kFileChkStrSize];
 extern char g_last_access_KezuFileChkStr[kFileChkStrSize];
@@ -205,11 +207,13 @@ extern const char* const sqlType[kSqlTypeCount];
 // ---------------------------------------------------------------------------------------------------------------------
 // Start and reload
 
-// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. Calling it again,
-// also from several threads at once, does nothing once it has succeeded; after a failure the next call tries again.
+// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. Calling it
+// again, also from several threads at once, does nothing once it has succeeded; after a failure the next call tries
+// again.
 //   mode     1; any other value is refused.
 //   scratch  null, or kInitScratchSize bytes that receive the engine's version as zero-terminated text.
-//   message  null, or kInitMessageSize bytes that receive, on failure only, a zero-terminated text that names the path and
+//   message  null, or kInitMessageSize bytes that receive, on failure only, a zero-terminated text that names the path
+//   and
 //            the reason.
 // Returns 0 when the engine runs; non-zero when it does not. Nothing is ever created in the file system.
 int kezuInitialize(unsigned int mode, char* scratch, char* message);
@@ -223,8 +227,8 @@ int Q7_ReloadAllInfoIfChanged();
 // policies is prepared.
 int Q7_ReloadAllInfoIfChanged3();
 
-// Loads the policy table from the file `source`; null or empty means the home's own policy file. The new table is built in
-// the next slot and published whole. Returns 0, or non-zero with the table unchanged.
+// Loads the policy table from the file `source`; null or empty means the home's own policy file. The new table is built
+// in the next slot and published whole. Returns 0, or non-zero with the table unchanged.
 int Q7_LoadPolicyInfo(const char* source);
 
 // Loads the table-migration table from its file if that changed. Returns 0, or non-zero with the table unchanged.
@@ -233,12 +237,12 @@ int Q7_LoadTableInfo();
 // ---------------------------------------------------------------------------------------------------------------------
 // Save
 //
-// Each writes one table, with the settings that travel with it, to its file: sealed, synced, and renamed into place, so that
-// the file is always the old one or the new one, whole. When another process saved the file since it was last loaded here,
-// nothing is written and the save fails. A failed save leaves file and tables as they were.
+// Each writes one table, with the settings that travel with it, to its file: sealed, synced, and renamed into place, so
+// that the file is always the old one or the new one, whole. When another process saved the file since it was last
+// loaded here, nothing is written and the save fails. A failed save leaves file and tables as they were.
 
-// Policies, the audit flags (g_logInfo) and g_kmsMode. Returns 0; -1 when the file cannot be written; -3 when another process
-// changed it. In Q7_ONLY_KMS_MODE the policies themselves are not written.
+// Policies, the audit flags (g_logInfo) and g_kmsMode. Returns 0; -1 when the file cannot be written; -3 when another
+// process changed it. In Q7_ONLY_KMS_MODE the policies themselves are not written.
 int Q7_SavePolicyInfo();
 
 // Encrypted columns. Returns 0; -1 when the file cannot be written; 1 when another process changed it.
@@ -250,8 +254,8 @@ int Q7_SaveAccessPrivInfo();
 // Encryption privileges and g_decryptDenyMode. Returns 0; -1 for any failure.
 int Q7_SaveEncPrivInfo();
 
-// Query-privilege rules and g_doubleEncryptMode. Returns 0; 1 for any failure of a caller that compares with 1, which is why
-// this operation never returns -1.
+// Query-privilege rules and g_doubleEncryptMode. Returns 0; 1 for any failure of a caller that compares with 1, which
+// is why this operation never returns -1.
 int Q7_SaveQueryPrivInfo();
 
 // Table-migration records. Returns 0; -1 for any failure.
@@ -272,19 +276,19 @@ int Q7_SaveUserInfo();
 //              0xFFFFFFFF.
 //   encPos, encLen  partial encryption, both 0 or more.
 //   encFlag    zero-terminated, at most 16 bytes; null means empty.
-// Returns non-zero (true) for success. Returns 0 (false) for a code out of range, a combination that the ciphers do not offer
-// (a reserved algorithm; ECB with a random IV; TDES168 with other block modes than ECB, CBC and CBC-HMAC; ...), a name or flag
-// that is too long, a negative position or length, or an algorithm that this processor does not support.
+// Returns non-zero (true) for success. Returns 0 (false) for a code out of range, a combination that the ciphers do not
+// offer (a reserved algorithm; ECB with a random IV; TDES168 with other block modes than ECB, CBC and CBC-HMAC; ...), a
+// name or flag that is too long, a negative position or length, or an algorithm that this processor does not support.
 int Q7_AddPolicyInfo(Q7EncPolicyInfo& policy, _BCipherKey** key, const char* name, int algorithm, int ivMode,
-                     unsigned char* keyBytes, unsigned int keyLength, int encPos, int encLen, int blockMode, int strMode,
-                     const char* encFlag);
+                     unsigned char* keyBytes, unsigned int keyLength, int encPos, int encLen, int blockMode,
+                     int strMode, const char* encFlag);
 
 // Fetches the policies of the key management server into the next slot and publishes them, all or none. Returns 0, or
 // non-zero with the table unchanged: no server configured, not reachable, or an answer that is not valid.
 int Q7_GetPolicyInfoFromKMS();
 
-// Compares the policies in use with those of the local file, by content and independent of their order. Returns 0 when they
-// are equal, 1 when they differ, -1 when the local file holds no policies.
+// Compares the policies in use with those of the local file, by content and independent of their order. Returns 0 when
+// they are equal, 1 when they differ, -1 when the local file holds no policies.
 int compareLocalAndKMSPolicy();
 
 // Finds the policy of a registered column; owner, table and column compare exactly.
@@ -300,12 +304,12 @@ int kezuGetEncPolicyId(char* owner, char* table, char* column, char* policy, cha
 // Returns 0; non-zero for an unknown policy, a negative size or a result past 2^31 - 1.
 int kezuGetCipherSize(int size, char* policy, int* out, char* error);
 
-// 1 when values of numeric columns can be stored under the named policy (it encrypts whole values); 0 when they cannot, or the
-// policy is unknown.
+// 1 when values of numeric columns can be stored under the named policy (it encrypts whole values); 0 when they cannot,
+// or the policy is unknown.
 int checkNumericEnc(char* policy);
 
-// 1 when large objects can be stored under the named policy (it encrypts whole values, without a text encoding); 0 when they
-// cannot, or the policy is unknown.
+// 1 when large objects can be stored under the named policy (it encrypts whole values, without a text encoding); 0 when
+// they cannot, or the policy is unknown.
 int checkBlobEnc(char* policy);
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -313,13 +317,15 @@ int checkBlobEnc(char* policy);
 
 // Encrypts and decrypts one value under a policy and its key. docs/ciphertext.md describes the encrypted text.
 //   out     receives the result; must not overlap `in`.
-//   outLen  in: capacity of out in bytes. out: bytes written; 0 when there is no result; when the result does not fit, a
-//           number greater than the capacity (the size needed, for decryption an upper bound of it), with out's contents
-//           unspecified.
+//   outLen  in: capacity of out in bytes. out: bytes written; 0 when there is no result; when the result does not fit,
+//   a
+//           number greater than the capacity (the size needed, for decryption an upper bound of it), with out's
+//           contents unspecified.
 //   in      inLen bytes, any contents; inLen 0 is a value too. The operations have no other limit on its length than
 //           2^31 - 1.
 //   policy  the policy's record, or a copy of it.
-//   key     the handle that belongs to it. A handle that was wiped, deleted or made for another policy gives no result, also
+//   key     the handle that belongs to it. A handle that was wiped, deleted or made for another policy gives no result,
+//   also
 //           when that happens while the operation runs.
 // Return 0 when a result was written (it may be empty: the decryption of an encrypted empty value), non-zero otherwise.
 int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
@@ -327,14 +333,16 @@ int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned
 int Q7_DecryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
                         Q7EncPolicyInfo* policy, _BCipherKey* key);
 
-// Digest of inLen bytes. out holds at least 64 bytes; outLen receives the digest's length. Returns 0; non-zero (outLen 0)
-// for an unknown algorithm identifier.
+// Digest of inLen bytes. out holds at least 64 bytes; outLen receives the digest's length. Returns 0; non-zero (outLen
+// 0) for an unknown algorithm identifier.
 int Q7_HashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm);
-int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm);
+int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
+                   int algorithm);
 
 // HMAC (RFC 2104) of inLen bytes under the policy's HMAC key. out holds at least 64 bytes. `policy` is a record of
-// g_encPolicyArray, or a copy of one. Returns 0; non-zero (outLen 0) for an unknown algorithm identifier or a policy without
-// a key.
+// g_encPolicyArray, or a copy of one. Returns 0; non-zero (outLen 0) for an unknown algorithm identifier or a policy
+// without a key. A record of the table is without a key when its handle in g_makeKeyArray is null, wiped or another
+// policy's.
 int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm,
                    Q7EncPolicyInfo* policy);
 
@@ -345,8 +353,8 @@ int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char
 // Returns 0; non-zero when the text does not fit or inLen is negative.
 int Q7_GetEncode64(char* out, unsigned int capacity, unsigned int* outLen, unsigned char* in, int inLen);
 
-// Writes `length` bytes as 2 * length hexadecimal digits and a terminating zero; `flag` 0 gives lower case, any other value
-// upper case. out holds at least 2 * length + 1 bytes. Returns the number of digits; 0 for a negative length.
+// Writes `length` bytes as 2 * length hexadecimal digits and a terminating zero; `flag` 0 gives lower case, any other
+// value upper case. out holds at least 2 * length + 1 bytes. Returns the number of digits; 0 for a negative length.
 int bin2hex(char* in, char* out, int length, int flag);
 
 }  // extern "C"

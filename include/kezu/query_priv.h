@@ -32,7 +32,9 @@ class Q7QueryPriv {
   // is kept and never matches.
   bool compileRegex();
 
-  // Whether `statement` matches queryPattern and `parentStatement` matches p_queryPattern.
+  // Whether `statement` matches queryPattern and `parentStatement` matches p_queryPattern. Time and memory are
+  // regexec's and have no bound of their own: an unlucky pattern, such as (a|b)*a(a|b){20}c, takes seconds on 10 KB of
+  // text, and the compiled form grows with what it has matched until it is compiled anew. Not for a per-row path.
   bool checkPattern(const std::string& statement, const std::string& parentStatement) const;
 
   // Appends a copy of `rule`, compiled, to g_queryPriv. The entry's key is queryType + p_queryType * 150 + 150. Returns

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Access to the engine's tables from several threads at once. The tables are plain memory without a lock; these operations
-// make each access to a word of them atomic, so that a reader never sees half of a word, and a count published before a flag
-// is seen by whoever sees the flag. On x86-64 each compiles to plain moves.
+// Access to the engine's tables from several threads at once. The tables are plain memory without a lock; these
+// operations make each access to a word of them atomic, so that a reader never sees half of a word, and a count
+// published before a flag is seen by whoever sees the flag. On x86-64 each compiles to plain moves.
 #pragma once
 
 #include <atomic>
@@ -43,8 +43,8 @@ Word<alignof(T)>* words(T& record) noexcept {
 
 }  // namespace detail
 
-// Copies a record of a table into memory of the caller's, word by word. The copy may mix two versions of the record when
-// another thread stores it meanwhile; no word of it is torn.
+// Copies a record of a table into memory of the caller's, word by word. The copy may mix two versions of the record
+// when another thread stores it meanwhile; no word of it is torn.
 template <typename T>
 void loadRecord(T& own, const T& shared) noexcept {
   auto* to = detail::words(own);
@@ -73,8 +73,8 @@ void clearRecord(T& shared) noexcept {
   }
 }
 
-// Whether a zero-terminated text field of a table equals `text`. A text with an embedded zero, or one that does not fit the
-// field, equals none. For texts that are no secret: the time depends on where they differ.
+// Whether a zero-terminated text field of a table equals `text`. A text with an embedded zero, or one that does not fit
+// the field, equals none. For texts that are no secret: the time depends on where they differ.
 template <std::size_t N>
 bool fieldEquals(const char (&field)[N], std::string_view text) noexcept {
   if (text.size() >= N) {

@@ -21,8 +21,9 @@ int logwCategory();
 // The handle of a category, or null for a number that is none. It lives as long as the library.
 lw_category* lw_get_category(int category);
 
-// Writes one event as one line: the time (ISO 8601 with milliseconds and zone), the level, then each key with its value as
-// key="value". Control characters, quotes, backslashes and line ends inside are escaped, so that no value can forge a line.
+// Writes one event as one line: the time (ISO 8601 with milliseconds and zone), the level, then each key with its value
+// as key="value". Control characters, quotes, backslashes and line ends inside are escaped, so that no value can forge
+// a line.
 //   category  from lw_get_category; with null nothing is written.
 //   level     one of the levels above; written as its number.
 //   messages  zero-terminated texts, key and value in turn, ended by a null pointer. A last key without a value is

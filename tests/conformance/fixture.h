@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -83,6 +84,20 @@ auto IsEvent(int level, Texts... texts) {
   return ::testing::AllOf(EventAtLevel(level), ::testing::Field(&Event::texts, ElementsAre(std::string(texts)...)));
 }
 
+// What failed in the running test so far, one failure a paragraph.
+inline std::string failuresSoFar() {
+  std::string all;
+  const ::testing::TestResult& result = *::testing::UnitTest::GetInstance()->current_test_info()->result();
+  for (int i = 0; i < result.total_part_count(); ++i) {
+    const ::testing::TestPartResult& part = result.GetTestPartResult(i);
+    if (part.failed()) {
+      all += std::string(part.file_name() != nullptr ? part.file_name() : "") + ":" +
+             std::to_string(part.line_number()) + ": " + part.message() + "\n";
+    }
+  }
+  return all;
+}
+
 // Runs `body` in a new process, in which no start flag of the library is set yet, whatever ran before it here. Its
 // failures fail the test. The code before it in the test runs in both processes.
 inline void inNewProcess(const std::function<void()>& body) {
@@ -90,6 +105,7 @@ inline void inNewProcess(const std::function<void()>& body) {
   EXPECT_EXIT(
       {
         body();
+        std::fputs(failuresSoFar().c_str(), stderr);
         std::exit(::testing::Test::HasFailure() ? 1 : 0);
       },
       ::testing::ExitedWithCode(0), "");

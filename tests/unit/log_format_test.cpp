@@ -98,8 +98,12 @@ TEST(LogFormat, ControlCharactersPastAsciiAreEscaped) {
 }
 
 TEST(LogFormat, AKeyCannotSpellAPair) {
-  EXPECT_EQ(line(2, {"a=\"1\" b", "2"}), std::string(29, ' ') + " 2 a\\x3d\\\"1\\\"\\x20b=\"2\"\n");
+  EXPECT_EQ(line(2, {"a=\"1\" b", "2"}), std::string(29, ' ') + " 2 a\\x3d\\\"1\\\" b=\"2\"\n");
   EXPECT_EQ(valueOf("a=1 b"), "a=1 b");
+}
+
+TEST(LogFormat, KeysKeepTheirBlanks) {
+  EXPECT_EQ(line(2, {"iv mode", "RANDOM"}), std::string(29, ' ') + " 2 iv mode=\"RANDOM\"\n");
 }
 
 // 29 bytes of time, ` 2`, ` k="`, `"[cut]` and the line end leave 65494 for the text.

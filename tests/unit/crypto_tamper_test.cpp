@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Values that this policy did not make, or that somebody changed since.
+#include <gtest/gtest.h>
+
+#include <cctype>
+
+#include "cipher/kdf.h"
+#include "tests/unit/crypto_fixture.h"
+
+namespace {
+
+using test::Data;
+using test::decrypt;
+using test::encrypt;
+using test::Policy;
+using test::PolicyParameters;
+
+// Block modes with every kind of authentication: by IV, by tag, by both.
+const PolicyParameters kAuthenticated[] = {
+    {test::AES256, test::CBC, test::DETERMINISTIC},
+    {test::AES128, test::CFB, test::DETERMINISTIC},
+    {test::AES128, test::CFB8, test::DETERMINISTIC},
+    {test::SM4, test::OFB, test::DETERMINISTIC},
+    {test::ARIA192, test::CTR, test::DETERMINISTIC},
+    {test::TDES168, test::CBC, test::DETERMINISTIC},
+    {test::CHACHA20, test::ECB, test::DETERMINISTIC},
+    {test::AES256, test::GCM, test::DETERMINISTIC},
+    {test::AES256, test::GCM, test::RANDOM},
+    {test::ARIA256, test::GCM, test::RANDOM},
+    {test::AES192, test::CCM, test::DETERMINISTIC},
+    {test::AES192, test::CCM, test::RANDOM},
+    {test::AES256, test::SIV, test::DETERMINISTIC},
+    {test::AES256, test::SIV, test::RANDOM},
+    {test::AES128, test::OCB, test::DETERMINISTIC},
+    {test::AES128, test::OCB, test::RANDOM},
+    {test::CAMELLIA256, test::CBC_HMAC, test::RANDOM},
+    {test::TDES168, test::CBC_HMAC, test::RANDOM},
+    {test::AES256, test::CTR_HMAC, test::RANDOM},
+    {test::AES256, test::CTR_HMAC, test::DETERMINISTIC},
+    {test::SEED128, test::CBC_HMAC, test::DETERMINISTIC},
+};
+
+template <typename Check>
+void forEveryAuthenticated(int position, int length, const char* flag, Check check) {
+  for (PolicyParameters parameters : kAuthenticated) {
+    parameters.encPos = position;
+    parameters.encLen = length;
+    parameters.flag = flag;
+    for (parameters.strMode = 0; parameters.strMode < kStrModeCount; ++parameters.strMode) {
+      SCOPED_TRACE(testing::Message() << "algorithm " << parameters.algorithm << ", mode " << parameters.blockMode
+                                      << ", IV " << parameters.ivMode << ", encoding " << parameters.strMode);
+      const Policy policy(parameters);
+      ASSERT_TRUE(policy);
+      check(policy);
+    }
+  }
+}
+
+void checkEveryBit(const Policy& policy, const Data& value) {
+  const Data encrypted = *encrypt(policy, value);
+  for (std::size_t bit = 0; bit < 8 * encrypted.size(); ++bit) {
+    Data changed = encrypted;
+    changed[bit / 8] ^= static_cast<unsigned char>(1U << (bit % 8));
+    EXPECT_FALSE(decrypt(policy, changed)) << "bit " << bit << " of " << test::toHex(encrypted);
+  }
+  EXPECT_EQ(decrypt(policy, encrypted), value);
+}
+
+TEST(CryptoTamper, NoBitOfAWholeValueCanChange) {
+  forEveryAuthenticated(0, 0, "{e}", [](const Policy& policy) {
+    for (const std::size_t size : {0U, 1U, 20U}) checkEveryBit(policy, test::patternOf(size));
+  });
+}
+
+TEST(CryptoTamper, NoBitOfAPartialValueCanChange) {
+  forEveryAuthenticated(2, 3, "#", [](const Policy& policy) {
+    for (const std::size_t size : {3U, 5U, 9U}) checkEveryBit(policy, test::patternOf(size));
+  });
+  forEveryAuthenticated(4, 0, "", [](const Policy& policy) { checkEveryBit(policy, test::patternOf(9)); });
+}
+
+TEST(CryptoTamper, NothingCanBeCutOffOrAdded) {
+  for (const auto& [position, length] : {std::pair{0, 0}, std::pair{2, 3}, std::pair{2, 0}}) {
+    forEveryAuthenticated(position, length, "#", [position = position](const Policy& policy) {
+      const Data encrypted = *encrypt(policy, test::patternOf(12));
+      // What ends before the encrypted part begins is a value that is stored as it is.
+      for (std::size_t size = static_cast<std::size_t>(position) + (position == 0 ? 0 : 1); size < encrypted.size();
+           ++size) {
+        EXPECT_FALSE(decrypt(policy, Data(encrypted.begin(), encrypted.begin() + static_cast<std::ptrdiff_t>(size))))
+            << size;
+      }
+      for (const unsigned char added : test::fromHex("000110413d81")) {
+        EXPECT_FALSE(decrypt(policy, test::operator+(encrypted, Data{added})));
+        EXPECT_FALSE(decrypt(policy, test::operator+(Data{added}, encrypted)));
+        EXPECT_FALSE(decrypt(policy, test::operator+(encrypted, Data(16, added))));
+      }
+    });
+  }
+}
+
+TEST(CryptoTamper, ClearPartsCannotBeExchanged) {
+  forEveryAuthenticated(2, 3, "", [](const Policy& policy) {
+    Data one = *encrypt(policy, test::bytesOf("AAxyzBB"));
+    const Data other = *encrypt(policy, test::bytesOf("CCxyzDD"));
+    std::copy_n(other.begin(), 2, one.begin());
+    EXPECT_FALSE(decrypt(policy, one));
+  });
+}
+
+// Bytes that move from the clear part before to the one after leave their concatenation as it was.
+TEST(CryptoTamper, ClearPartsAreAuthenticatedEachWithItsLength) {
+  forEveryAuthenticated(0, 3, "", [](const Policy& policy) {
+    const Data value = *encrypt(policy, test::bytesOf("xyzAB"));
+    PolicyParameters moved{
+        policy.record.algID, policy.record.blockMode, policy.record.ivMode, policy.record.strMode, 1, 3};
+    moved.columnKey = Data(policy.record.columnKey, policy.record.columnKey + policy.record.keyLength);
+    const Policy other(moved);
+    ASSERT_TRUE(other);
+    Data shifted(value.end() - 2, value.end() - 1);
+    shifted.insert(shifted.end(), value.begin(), value.end() - 2);
+    shifted.push_back(value.back());
+    EXPECT_FALSE(decrypt(other, shifted));
+  });
+}
+
+TEST(CryptoTamper, ValuesOfAnotherPolicyAreNone) {
+  forEveryAuthenticated(0, 0, "#", [](const Policy& policy) {
+    const Policy other(
+        {policy.record.algID, policy.record.blockMode, policy.record.ivMode, policy.record.strMode, 0, 0, "#"});
+    for (const std::size_t size : {0U, 1U, 16U, 40U}) {
+      EXPECT_FALSE(decrypt(other, *encrypt(policy, test::patternOf(size))));
+    }
+  });
+}
+
+// Without authentication a wrong value can only be told by its form; whatever comes, the server lives.
+TEST(CryptoTamper, GarbageAndClearTextAreNone) {
+  for (int algorithm = 0; algorithm < kAlgorithmCount; ++algorithm) {
+    for (int mode = 0; mode < kBlockModeCount; ++mode) {
+      for (int encoding = 0; encoding < kStrModeCount; ++encoding) {
+        const Policy policy({algorithm, mode, test::DETERMINISTIC, encoding});
+        if (!policy) continue;
+        for (const char* text :
+             {"", "a", "plain text", "0123456789abcdef0123456789abcdef0123456789abcdef", "=====", "gQ=="}) {
+          EXPECT_FALSE(decrypt(policy, test::bytesOf(text))) << text;
+        }
+        for (std::size_t size = 1; size < 100; ++size) {
+          Data garbage(size);
+          ASSERT_TRUE(cipher::randomBytes(garbage));
+          garbage[0] &= 0x7f;
+          EXPECT_FALSE(decrypt(policy, garbage));
+          garbage[0] = 0x81;
+          const auto result = decrypt(policy, garbage);
+          EXPECT_TRUE(!result || (mode == test::ECB && algorithm != test::CHACHA20));
+        }
+      }
+    }
+  }
+}
+
+TEST(CryptoTamper, PaddingIsChecked) {
+  for (const int algorithm : {test::AES256, test::SEED128, test::TDES168}) {
+    const Policy policy({algorithm, test::CBC, test::RANDOM});
+    ASSERT_TRUE(policy);
+    const Data encrypted = *encrypt(policy, test::patternOf(100));
+    int refused = 0;
+    for (int change = 1; change < 256; ++change) {
+      Data changed = encrypted;
+      changed.back() ^= static_cast<unsigned char>(change);
+      refused += decrypt(policy, changed) ? 0 : 1;
+    }
+    // A changed last block decrypts to something random, whose padding is right about once in 256.
+    EXPECT_GT(refused, 240);
+  }
+}
+
+TEST(CryptoTamper, VersionIsChecked) {
+  const Policy policy({.blockMode = test::CTR});
+  Data encrypted = *encrypt(policy, test::bytesOf("value"));
+  for (int version = 0; version < 256; ++version) {
+    encrypted[0] = static_cast<unsigned char>(version);
+    EXPECT_EQ(static_cast<bool>(decrypt(policy, encrypted)), version == 0x81);
+  }
+}
+
+TEST(CryptoTamper, FlagIsChecked) {
+  const Policy policy({.blockMode = test::CTR, .flag = "flag"});
+  const Data encrypted = *encrypt(policy, test::bytesOf("value"));
+  EXPECT_EQ(Data(encrypted.begin(), encrypted.begin() + 4), test::bytesOf("flag"));
+  EXPECT_FALSE(decrypt(policy, Data(encrypted.begin() + 4, encrypted.end())));
+  Data other = encrypted;
+  other[3] = 'G';
+  EXPECT_FALSE(decrypt(policy, other));
+  EXPECT_FALSE(decrypt(policy, test::bytesOf("flag")));
+}
+
+// A text that another writer might take for the same value.
+TEST(CryptoTamper, OnlyTheCanonicalTextIsAccepted) {
+  const Policy hex({.blockMode = test::CTR, .strMode = test::HEX});
+  const Data digits = *encrypt(hex, test::bytesOf("value"));
+  Data upper = digits;
+  for (unsigned char& digit : upper) digit = static_cast<unsigned char>(std::toupper(digit));
+  EXPECT_NE(upper, digits);
+  EXPECT_FALSE(decrypt(hex, upper));
+  EXPECT_FALSE(decrypt(hex, test::operator+(digits, test::bytesOf(" "))));
+  EXPECT_FALSE(decrypt(hex, test::operator+(digits, test::bytesOf("\n"))));
+
+  const Policy base64({.blockMode = test::CTR, .strMode = test::BASE64});
+  const Data text = *encrypt(base64, test::bytesOf("value"));  // 22 bytes: two padding digits, four unused bits
+  ASSERT_EQ(text.size(), 32U);
+  ASSERT_EQ(text[30], '=');
+  EXPECT_FALSE(decrypt(base64, Data(text.begin(), text.end() - 2)));
+  EXPECT_FALSE(decrypt(base64, test::operator+(text, test::bytesOf("\n"))));
+  Data strayBits = text;
+  strayBits[29] = strayBits[29] == '/' ? '+' : static_cast<unsigned char>(strayBits[29] + 1);
+  EXPECT_FALSE(decrypt(base64, strayBits));
+  Data inside = text;
+  inside[27] = '=';
+  EXPECT_FALSE(decrypt(base64, inside));
+}
+
+class DoubleEncryption : public testing::Test {
+ protected:
+  ~DoubleEncryption() override { g_doubleEncryptMode = 0; }
+};
+
+TEST_F(DoubleEncryption, FollowsTheMode) {
+  for (const int encoding : {test::RAW, test::BASE64, test::HEX}) {
+    for (const auto& [position, length] : {std::pair{0, 0}, std::pair{3, 4}, std::pair{3, 0}}) {
+      const Policy policy({test::AES256, test::GCM, test::RANDOM, encoding, position, length, "#"});
+      const Data once = *encrypt(policy, test::bytesOf("some value"));
+      g_doubleEncryptMode = kDoubleEncryptError;
+      EXPECT_FALSE(encrypt(policy, once));
+      for (const int pass : {kDoubleEncryptPass, 2, -1}) {
+        g_doubleEncryptMode = pass;
+        EXPECT_EQ(encrypt(policy, once), once);
+        const test::Result small = test::run(Q7_EncryptBinaryExt, once, policy.record, policy.handle,
+                                             static_cast<unsigned int>(once.size() - 1));
+        EXPECT_NE(small.code, 0);
+        EXPECT_EQ(small.length, once.size());
+      }
+      const test::Result refused = [&] {
+        g_doubleEncryptMode = kDoubleEncryptError;
+        return test::run(Q7_EncryptBinaryExt, once, policy.record, policy.handle, 1000);
+      }();
+      EXPECT_NE(refused.code, 0);
+      EXPECT_EQ(refused.length, 0U);
+    }
+  }
+}
+
+TEST_F(DoubleEncryption, LooksAtFlagAndVersionOnly) {
+  const Policy policy({.blockMode = test::GCM, .flag = "#"});
+  for (const char* clear : {"", "#", "#x", "##", "x#"}) EXPECT_TRUE(encrypt(policy, test::bytesOf(clear))) << clear;
+  EXPECT_FALSE(encrypt(policy, Data{'#', 0x81}));
+  EXPECT_TRUE(encrypt(policy, Data{'#', 0x80}));
+  EXPECT_TRUE(encrypt(policy, Data{0x81}));
+  const Policy hex({.blockMode = test::GCM, .strMode = test::HEX, .flag = "#"});
+  EXPECT_FALSE(encrypt(hex, test::bytesOf("#81")));
+  EXPECT_TRUE(encrypt(hex, test::bytesOf("#8")));
+  EXPECT_TRUE(encrypt(hex, test::bytesOf("#82")));
+  const Policy base64({.blockMode = test::GCM, .strMode = test::BASE64, .flag = "#"});
+  EXPECT_FALSE(encrypt(base64, test::bytesOf("#gQAA")));
+  EXPECT_FALSE(encrypt(base64, test::bytesOf("#gf//")));
+  EXPECT_TRUE(encrypt(base64, test::bytesOf("#gg//")));
+  EXPECT_TRUE(encrypt(base64, test::bytesOf("#gQA")));
+}
+
+TEST_F(DoubleEncryption, WithoutAFlagEncryptsAgain) {
+  for (const int mode : {kDoubleEncryptError, kDoubleEncryptPass}) {
+    g_doubleEncryptMode = mode;
+    const Policy policy({.blockMode = test::GCM});
+    const Data once = *encrypt(policy, test::bytesOf("value"));
+    const auto twice = encrypt(policy, once);
+    ASSERT_TRUE(twice);
+    EXPECT_EQ(decrypt(policy, *twice), once);
+  }
+}
+
+TEST(CryptoPartial, PartsStayWhereTheyAre) {
+  const Policy policy({test::AES256, test::CTR, test::RANDOM, test::HEX, 4, 6, "#"});
+  const Data encrypted = *encrypt(policy, test::bytesOf("1234567890123456"));
+  EXPECT_EQ(encrypted.size(), 4U + 1 + 2 * (1 + 16 + 6) + 6);
+  EXPECT_EQ(Data(encrypted.begin(), encrypted.begin() + 5), test::bytesOf("1234#"));
+  EXPECT_EQ(Data(encrypted.end() - 6, encrypted.end()), test::bytesOf("123456"));
+}
+
+TEST(CryptoPartial, ValuesThatEndBeforeTheRangeAreStoredAsTheyAre) {
+  for (const int length : {0, 3}) {
+    const Policy policy({test::AES256, test::GCM, test::RANDOM, test::RAW, 5, length, "#"});
+    for (const char* text : {"", "1", "12345"}) {
+      EXPECT_EQ(encrypt(policy, test::bytesOf(text)), test::bytesOf(text));
+      EXPECT_EQ(decrypt(policy, test::bytesOf(text)), test::bytesOf(text));
+    }
+    EXPECT_NE(encrypt(policy, test::bytesOf("123456")), test::bytesOf("123456"));
+    EXPECT_FALSE(decrypt(policy, test::bytesOf("123456")));
+  }
+  const Policy fromStart({test::AES256, test::GCM, test::RANDOM, test::RAW, 0, 3});
+  EXPECT_EQ(encrypt(fromStart, {}), Data{});
+  EXPECT_EQ(decrypt(fromStart, {}), Data{});
+}
+
+TEST(CryptoWhole, EmptyValueIsEncryptedLikeAnyOther) {
+  const Policy policy({.blockMode = test::GCM});
+  const auto encrypted = encrypt(policy, {});
+  ASSERT_TRUE(encrypted);
+  EXPECT_EQ(encrypted->size(), 1U + 12 + 16);
+  EXPECT_EQ(decrypt(policy, *encrypted), Data{});
+}
+
+TEST(CryptoArguments, AreCheckedAtTheBorder) {
+  Policy policy({.blockMode = test::GCM});
+  unsigned char out[100];
+  unsigned int length = sizeof out;
+  const unsigned char in[] = {1};
+  for (const test::Operation operation : {Q7_EncryptBinaryExt, Q7_DecryptBinaryExt}) {
+    EXPECT_NE(operation(out, nullptr, in, 1, &policy.record, policy.handle), 0);
+    length = sizeof out;
+    EXPECT_NE(operation(nullptr, &length, in, 1, &policy.record, policy.handle), 0);
+    EXPECT_EQ(length, 0U);
+    length = sizeof out;
+    EXPECT_NE(operation(out, &length, nullptr, 1, &policy.record, policy.handle), 0);
+    EXPECT_EQ(length, 0U);
+    length = sizeof out;
+    EXPECT_NE(operation(out, &length, in, 1, nullptr, policy.handle), 0);
+    EXPECT_EQ(length, 0U);
+    length = sizeof out;
+    EXPECT_NE(operation(out, &length, in, 1, &policy.record, nullptr), 0);
+    EXPECT_EQ(length, 0U);
+    length = sizeof out;
+    EXPECT_NE(operation(out, &length, in, 0x80000000U, &policy.record, policy.handle), 0);
+    EXPECT_EQ(length, 0U);
+  }
+  length = sizeof out;
+  EXPECT_EQ(Q7_EncryptBinaryExt(out, &length, nullptr, 0, &policy.record, policy.handle), 0);
+}
+
+}  // namespace

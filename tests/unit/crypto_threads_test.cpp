@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Threads that encrypt while another wipes, deletes and makes the keys that they use. Run under the address and thread
+// sanitizers as well.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "engine/policy/policy_key.h"
+#include "kezu/engine.h"
+#include "kezu/shared.h"
+#include "tests/unit/crypto_fixture.h"
+
+namespace {
+
+using test::Data;
+using test::Policy;
+
+constexpr int kThreads = 8;
+constexpr int kChanges = 1500;
+constexpr std::size_t kPlaces = 4;
+
+// Authenticated, so that a value under a mixed or wiped key is not taken for a good one.
+test::PolicyParameters parametersOf(int which) {
+  test::PolicyParameters parameters{test::AES256, which == 0 ? +test::GCM : +test::CBC_HMAC, test::RANDOM,
+                                    test::BASE64};
+  parameters.columnKey = Data(32, static_cast<unsigned char>('A' + which));
+  parameters.name = "p" + std::to_string(which);
+  return parameters;
+}
+
+class Threads : public testing::Test {
+ protected:
+  ~Threads() override {
+    for (std::size_t place = 0; place < kPlaces; ++place) {
+      BCIPHER_DelKey(g_makeKeyArray[1][place]);
+      g_makeKeyArray[1][place] = nullptr;
+      std::memset(&g_encPolicyArray[1][place], 0, sizeof g_encPolicyArray[1][place]);
+    }
+  }
+
+  // What an administrator's changes do to a place of the table, in their order.
+  void change(std::size_t place, int which) {
+    BCipherKey old = g_makeKeyArray[1][place];
+    BCIPHER_WipeKey(old);
+    BCIPHER_DelKey(old);
+    kezu::publish(g_makeKeyArray[1][place], BCipherKey{nullptr});
+    kezu::clearRecord(g_encPolicyArray[1][place]);
+    BCipherKey made = BCIPHER_DupKey(policies_[static_cast<std::size_t>(which)].handle);
+    kezu::storeRecord(g_encPolicyArray[1][place], policies_[static_cast<std::size_t>(which)].record);
+    kezu::publish(g_makeKeyArray[1][place], made);
+  }
+
+  void administrate() {
+    for (int i = 0; i < kChanges; ++i) {
+      change(static_cast<std::size_t>(i) % kPlaces, (i / 3) % 2);
+      if (i % 50 == 0) std::this_thread::yield();
+    }
+    done_ = true;
+  }
+
+  // Whether one of the two policies says that `encrypted` is `value`.
+  bool isValue(const Data& encrypted, const Data& value) {
+    return decrypt(policies_[0], encrypted) == value || decrypt(policies_[1], encrypted) == value;
+  }
+
+  void encryptUntilDone(int thread) {
+    unsigned char out[200];
+    for (unsigned int i = 0; !done_ || i < 100; ++i) {
+      const Data value = test::bytesOf("value " + std::to_string(thread) + "-" + std::to_string(i));
+      Q7EncPolicyInfo& policy = g_encPolicyArray[1][i % kPlaces];
+      unsigned int size = sizeof out;
+      const int code = Q7_EncryptBinaryExt(out, &size, value.data(), static_cast<unsigned int>(value.size()), &policy,
+                                           kezu::observe(g_makeKeyArray[1][i % kPlaces]));
+      if (code != 0) {
+        wrong_ += size == 0 ? 0 : 1;
+        ++empty_;
+        continue;
+      }
+      const Data encrypted(out, out + size);
+      wrong_ += isValue(encrypted, value) ? 0 : 1;
+      ++encrypted_;
+      size = sizeof out;
+      if (Q7_DecryptBinaryExt(out, &size, encrypted.data(), static_cast<unsigned int>(encrypted.size()), &policy,
+                              kezu::observe(g_makeKeyArray[1][i % kPlaces])) == 0) {
+        wrong_ += Data(out, out + size) == value ? 0 : 1;
+      }
+    }
+  }
+
+  void digestUntilDone() {
+    const auto* text = reinterpret_cast<const unsigned char*>("text");
+    std::array<Data, 2> expected = {Data(32), Data(32)};
+    for (std::size_t i = 0; i < 2; ++i) {
+      Q7EncPolicyInfo copy = policies_[i].record;
+      unsigned int size = 0;
+      wrong_ += kezuHmacBinary(expected[i].data(), &size, text, 4, kHashSha256, &copy) == 0 ? 0 : 1;
+    }
+    while (!done_) {
+      Data code(64);
+      unsigned int size = 0;
+      if (kezuHmacBinary(code.data(), &size, text, 4, kHashSha256, &g_encPolicyArray[1][0]) != 0) continue;
+      code.resize(size);
+      wrong_ += code == expected[0] || code == expected[1] ? 0 : 1;
+      ++encrypted_;
+    }
+  }
+
+  std::array<Policy, 2> policies_{Policy(parametersOf(0)), Policy(parametersOf(1))};
+  std::atomic<bool> done_{false};
+  std::atomic<int> wrong_{0};
+  std::atomic<int> encrypted_{0};
+  std::atomic<int> empty_{0};
+};
+
+TEST_F(Threads, ValuesAreRightOrEmpty) {
+  for (std::size_t place = 0; place < kPlaces; ++place) change(place, 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back([this, i] { encryptUntilDone(i); });
+  administrate();
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong_, 0);
+  EXPECT_GT(encrypted_, 0);
+}
+
+TEST_F(Threads, KeyedDigestsAreRightOrNone) {
+  for (std::size_t place = 0; place < kPlaces; ++place) change(place, 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back([this] { digestUntilDone(); });
+  administrate();
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong_, 0);
+  EXPECT_GT(encrypted_, 0);
+}
+
+// Handles that several threads make, duplicate, use and give back at once are never two threads' at a time.
+TEST_F(Threads, HandlesBelongToWhoMadeThem) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([this, i] {
+      const Policy& policy = policies_[static_cast<std::size_t>(i) % 2];
+      for (int round = 0; round < 200; ++round) {
+        BCipherKey own = BCIPHER_DupKey(policy.handle);
+        const Data value = test::bytesOf("value");
+        const test::Result result = test::run(Q7_EncryptBinaryExt, value, policy.record, own, 200);
+        wrong_ += result.code == 0 && decrypt(policy, result.bytes) == value ? 0 : 1;
+        BCIPHER_DelKey(own);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong_, 0);
+}
+
+}  // namespace

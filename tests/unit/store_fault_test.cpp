@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Every system call of a save and of a reload fails once.
+#include <cerrno>
+
+#include "unit/store_fixture.h"
+
+namespace store_test {
+namespace {
+
+// Fails the call number `failAt` (from 0), with `error`.
+class FailingFiles : public engine::store::FileSystem {
+ public:
+  int open(const char* path, int flags, mode_t mode) override {
+    return fails() ? -1 : FileSystem::open(path, flags, mode);
+  }
+  ssize_t read(int fd, void* buffer, std::size_t size) override {
+    return fails() ? -1 : FileSystem::read(fd, buffer, size);
+  }
+  ssize_t write(int fd, const void* buffer, std::size_t size) override {
+    if (fails()) {
+      if (error_ == EINTR) {
+        return -1;
+      }
+      // What a disk that fills up does: a part is written.
+      return FileSystem::write(fd, buffer, size / 2) < 0 ? -1 : fail();
+    }
+    return FileSystem::write(fd, buffer, size);
+  }
+  int fsync(int fd) override { return fails() ? -1 : FileSystem::fsync(fd); }
+  int flock(int fd, int operation) override { return fails() ? -1 : FileSystem::flock(fd, operation); }
+  int fstat(int fd, struct stat* out) override { return fails() ? -1 : FileSystem::fstat(fd, out); }
+  int futimens(int fd, const struct timespec* times) override { return fails() ? -1 : FileSystem::futimens(fd, times); }
+  int stat(const char* path, struct stat* out) override { return fails() ? -1 : FileSystem::stat(path, out); }
+  int link(const char* from, const char* to) override { return fails() ? -1 : FileSystem::link(from, to); }
+  int rename(const char* from, const char* to) override { return fails() ? -1 : FileSystem::rename(from, to); }
+  int unlink(const char* path) override { return fails() ? -1 : FileSystem::unlink(path); }
+
+  void failAt(int call, int withError) {
+    calls_ = 0;
+    failAt_ = call;
+    error_ = withError;
+    failed_ = false;
+  }
+  bool failed() const { return failed_; }
+
+ private:
+  int fail() {
+    errno = error_;
+    failed_ = true;
+    return -1;
+  }
+  bool fails() { return calls_++ == failAt_ && fail() == -1; }
+
+  int calls_ = 0;
+  int failAt_ = -1;
+  int error_ = 0;
+  bool failed_ = false;
+};
+
+class StoreFaultTest : public StoreTest {};
+
+TEST_F(StoreFaultTest, EveryCallOfASave) {
+  FailingFiles files;
+  auto store = loadStore(home(), files);
+  addColumn("zero");
+  ASSERT_TRUE(store->save(TableId::column).ok());
+  int failures = 0;
+  for (int call = 0;; ++call) {
+    const std::string before = readText(file("column"));
+    setText(g_encColumnInfoArray[0].column, "c" + std::to_string(call));
+    files.failAt(call, ENOSPC);
+    const auto status = store->save(TableId::column);
+    const bool failed = files.failed();
+    files.failAt(-1, 0);
+    if (!failed) {
+      EXPECT_TRUE(status.ok());
+      break;
+    }
+    const bool replaced = readText(file("column")) != before;
+    if (!status.ok()) {
+      ++failures;
+      EXPECT_NE(std::string::npos, status.error().text.find("No space left on device")) << status.error().text;
+      // Only the sync of the directory comes after the file was replaced.
+      EXPECT_TRUE(!replaced || status.error().text.find("home: cannot be synced") != std::string::npos)
+          << status.error().text;
+    }
+    EXPECT_TRUE(fs::exists(file("column").string() + ".bak"));
+    // The home opens, and the next save succeeds.
+    ASSERT_TRUE(inChild([&] { return openStore(home())->loadAll().ok() ? 0 : 1; }) == 0);
+    const auto again = store->save(TableId::column);
+    ASSERT_TRUE(again.ok()) << call << ": " << again.error().text;
+  }
+  EXPECT_GE(failures, 10);
+}
+
+TEST_F(StoreFaultTest, EveryCallOfALoad) {
+  FailingFiles files;
+  auto store = loadStore(home(), files);
+  addColumn("c");
+  int failures = 0;
+  for (int call = 0;; ++call) {
+    files.failAt(call, EIO);
+    const auto status = store->loadAll();
+    if (!files.failed()) {
+      EXPECT_TRUE(status.ok());
+      break;
+    }
+    ++failures;
+    ASSERT_FALSE(status.ok());
+    EXPECT_NE(std::string::npos, status.error().text.find("Input/output error")) << status.error().text;
+    EXPECT_NE(std::string::npos, status.error().text.find(".kz")) << status.error().text;
+    EXPECT_EQ(1, g_numberOfEncColumn) << "nothing was replaced";
+  }
+  EXPECT_GE(failures, 7 * 3);
+  EXPECT_EQ(0, g_numberOfEncColumn);
+}
+
+TEST_F(StoreFaultTest, ACallThatIsInterruptedIsMadeAgain) {
+  FailingFiles files;
+  auto store = loadStore(home(), files);
+  addColumn("c");
+  int writes = 0;
+  for (int call = 0; call < 40; ++call) {
+    files.failAt(call, EINTR);
+    const auto status = store->save(TableId::column);
+    if (!status.ok()) {
+      // Calls that the system does not interrupt here may fail; reads, writes and the lock may not.
+      EXPECT_EQ(std::string::npos, status.error().text.find("cannot be written: Interrupted")) << status.error().text;
+      EXPECT_EQ(std::string::npos, status.error().text.find("lock: cannot be locked")) << status.error().text;
+    } else {
+      ++writes;
+    }
+    files.failAt(-1, 0);
+  }
+  EXPECT_GE(writes, 20);
+  resetTables();
+  loadStore(home());
+  EXPECT_EQ(1, g_numberOfEncColumn);
+}
+
+TEST_F(StoreFaultTest, AHangingHolderOfTheLockDoesNotHangASave) {
+  auto store = loadStore(home());
+  auto lock = engine::store::FileLock::acquire(engine::store::machineFiles(), home() / ".lock");
+  ASSERT_TRUE(lock.ok());
+  addColumn("c");
+  const auto started = std::chrono::steady_clock::now();
+  const auto status = store->save(TableId::column);
+  const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  ASSERT_FALSE(status.ok());
+  EXPECT_NE(std::string::npos, status.error().text.find("another process holds the lock")) << status.error().text;
+  EXPECT_LT(seconds, 15);
+}
+
+}  // namespace
+}  // namespace store_test
