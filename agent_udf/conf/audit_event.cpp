@@ -25,7 +25,7 @@ class Messages {
 
 }  // namespace
 
-void writeAuditEvent(int level, std::initializer_list<AuditPair> pairs) {
+void writeAuditEvent(int level, const std::vector<AuditPair>& pairs) {
   Messages messages;
   for (const AuditPair& pair : pairs) {
     messages.add(pair.key);

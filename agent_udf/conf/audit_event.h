@@ -6,6 +6,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 struct AuditPair {
   std::string key;
@@ -13,7 +14,7 @@ struct AuditPair {
 };
 
 // Writes one event of key and value pairs, at a level of logw/logw.h.
-void writeAuditEvent(int level, std::initializer_list<AuditPair> pairs);
+void writeAuditEvent(int level, const std::vector<AuditPair>& pairs);
 
 // The same for an event whose texts do not come in pairs.
 void writeAuditTexts(int level, std::initializer_list<std::string> texts);

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Putting columns under a policy and taking them out again.
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
@@ -17,26 +19,19 @@ constexpr long long kRemoved = 3;
 constexpr long long kNotSaved = -2;
 constexpr long long kFileChanged = -3;
 
-struct ColumnName {
-  std::string_view owner;
-  std::string_view table;
-  std::string_view column;
-};
+constinit const RecordTable columns(g_encColumnInfoArray, g_numberOfEncColumn);
+constinit const RecordKey key(&Q7EncColumnInfo::owner, &Q7EncColumnInfo::table, &Q7EncColumnInfo::column);
+using ColumnName = decltype(key)::Texts;  // owner, table, column
 
-const RecordTable columns(g_encColumnInfoArray, g_numberOfEncColumn);
-
-// The first registration of the column, or null.
-Q7EncColumnInfo* find(const ColumnName& name) {
-  return columns.find([&name](const Q7EncColumnInfo& record) {
-    return kezu::fieldEquals(record.column, name.column) && kezu::fieldEquals(record.table, name.table) &&
-           kezu::fieldEquals(record.owner, name.owner);
-  });
-}
-
-bool fits(const ColumnName& name, std::string_view policy) {
-  const Q7EncColumnInfo record = {};
-  return kezu::fieldHolds(record.owner, name.owner) && kezu::fieldHolds(record.table, name.table) &&
-         kezu::fieldHolds(record.column, name.column) && kezu::fieldHolds(record.policyID, policy);
+// Reports a change of the registration of a column, with the policy it was put under, if any.
+void report(const ColumnName& name, const std::vector<AuditPair>& policy, const char* description) {
+  std::vector<AuditPair> event = {{"group", "policy"},
+                                  {"owner", std::string(name[0])},
+                                  {"table", std::string(name[1])},
+                                  {"column", std::string(name[2])}};
+  event.insert(event.end(), policy.begin(), policy.end());
+  event.push_back({"desc", description});
+  writeAuditEvent(kLogChange, event);
 }
 
 // SQL NULL, with nothing changed.
@@ -47,16 +42,14 @@ long long refuse(frame::Flags& flags) {
 
 // The policy name is stored as given: a column can be registered before its policy exists.
 long long registerColumn(const ColumnName& name, std::string_view policy, frame::Flags& flags) {
-  if (find(name) != nullptr) {
+  if (columns.find(key, name) != nullptr) {
     return refuse(flags);
   }
-  if (!fits(name, policy)) {
+  if (!key.holds(name) || !kezu::fieldHolds(Q7EncColumnInfo{}.policyID, policy)) {
     return kNotSaved;
   }
   Q7EncColumnInfo record;
-  kezu::storeField(record.owner, name.owner);
-  kezu::storeField(record.table, name.table);
-  kezu::storeField(record.column, name.column);
+  key.store(record, name);
   kezu::storeField(record.policyID, policy);
   if (!columns.append(record)) {
     return kNotSaved;
@@ -69,17 +62,12 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
     default:
       break;
   }
-  writeAuditEvent(kLogChange, {{"group", "policy"},
-                               {"owner", std::string(name.owner)},
-                               {"table", std::string(name.table)},
-                               {"column", std::string(name.column)},
-                               {"policy", std::string(policy)},
-                               {"desc", "SET COLUMN"}});
+  report(name, {{"policy", std::string(policy)}}, "SET COLUMN");
   return kRegistered;
 }
 
 long long removeColumn(const ColumnName& name, frame::Flags& flags) {
-  Q7EncColumnInfo* found = find(name);
+  Q7EncColumnInfo* found = columns.find(key, name);
   if (found == nullptr) {
     return refuse(flags);
   }
@@ -87,11 +75,7 @@ long long removeColumn(const ColumnName& name, frame::Flags& flags) {
   if (Q7_SaveColumnInfo() == -1) {
     return kNotSaved;
   }
-  writeAuditEvent(kLogChange, {{"group", "policy"},
-                               {"owner", std::string(name.owner)},
-                               {"table", std::string(name.table)},
-                               {"column", std::string(name.column)},
-                               {"desc", "DELETE COLUMN"}});
+  report(name, {}, "DELETE COLUMN");
   return kRemoved;
 }
 
@@ -109,7 +93,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_column,
   if (!checkAuth(args)) {
     return refuse(flags);
   }
-  const ColumnName name{args.text(1), args.text(2), args.text(3)};
+  const ColumnName name = key.arguments(args, 1);
   switch (args.count()) {
     case 5:
       return registerColumn(name, args.text(4), flags);

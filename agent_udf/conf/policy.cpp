@@ -7,6 +7,7 @@
 
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
+#include "conf/policy_table.h"
 #include "conf/record_table.h"
 #include "frame/function.h"
 #include "kezu/shared.h"
@@ -28,10 +29,6 @@ constexpr int kAes256Ni = 20;
 constexpr std::size_t kMaxName = sizeof Q7EncPolicyInfo::policyID - 1;
 constexpr std::size_t kMaxFlag = sizeof Q7EncPolicyInfo::encFlag;
 
-int activeSlot() {
-  return kezu::observe(g_encPolicyArray_flag);
-}
-
 bool isLetterOrDigit(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
 }
@@ -42,24 +39,12 @@ struct Staged {
   int count;  // records built so far
 };
 
-void clearSlot(int slot) {
-  for (BCipherKey& handle : g_makeKeyArray[slot]) {
-    BCipherKey key = kezu::observe(handle);
-    BCIPHER_WipeKey(key);
-    BCIPHER_DelKey(key);
-    kezu::publish(handle, BCipherKey{nullptr});
-  }
-  for (Q7EncPolicyInfo& record : g_encPolicyArray[slot]) {
-    kezu::clearRecord(record);
-  }
-}
-
 // Copies the active table, less the policy at index `left_out`, into the next slot, keys duplicated.
 Staged stageNextSlot(int left_out) {
-  const int current = activeSlot();
+  const int current = activePolicySlot();
   const int count = kezu::observe(g_numberOfEncPolicy[current]);
   Staged next{(current + 1) % kPolicySlots, 0};
-  clearSlot(next.slot);
+  clearPolicySlot(next.slot);
   for (int i = 0; i < count; ++i) {
     if (i == left_out) {
       continue;
@@ -179,14 +164,7 @@ int Q7_CheckPolicyName(std::string& name) {
 }
 
 int findPolicy(std::string& name) {
-  const int slot = activeSlot();
-  const int count = kezu::observe(g_numberOfEncPolicy[slot]);
-  for (int i = 0; i < count; ++i) {
-    if (kezu::fieldEquals(g_encPolicyArray[slot][i].policyID, name)) {
-      return i;
-    }
-  }
-  return kNone;
+  return findPolicyIn(activePolicySlot(), name);
 }
 
 // kezu_conf_set_policy(session, name, algorithm, iv mode, position, length, block mode, string mode, flag) -> INTEGER:

@@ -7,9 +7,58 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
+#include "frame/args.h"
 #include "kezu/shared.h"
+
+// The text fields that identify a record, as pointers to members, in the order in which callers give the texts.
+template <typename Record, typename... Field>
+class RecordKey {
+ public:
+  using Texts = std::array<std::string_view, sizeof...(Field)>;
+
+  constexpr explicit RecordKey(Field Record::*... fields) noexcept : fields_(fields...) {}
+
+  // The texts of a call, from argument `first` on.
+  static Texts arguments(const frame::Args& args, unsigned int first) {
+    Texts texts;
+    for (unsigned int i = 0; i < texts.size(); ++i) {
+      texts[i] = args.text(first + i);
+    }
+    return texts;
+  }
+
+  // Whether every field equals its text exactly.
+  bool matches(const Record& record, const Texts& texts) const noexcept {
+    return all([&](auto field, std::string_view text) { return kezu::fieldEquals(record.*field, text); }, texts);
+  }
+
+  // Whether every text fits its field.
+  bool holds(const Texts& texts) const noexcept {
+    return all([](auto field, std::string_view text) { return kezu::fieldHolds(Record{}.*field, text); }, texts);
+  }
+
+  // Stores texts that the fields hold.
+  void store(Record& record, const Texts& texts) const noexcept {
+    all([&](auto field, std::string_view text) { return kezu::storeField(record.*field, text), true; }, texts);
+  }
+
+ private:
+  template <typename Test>
+  bool all(Test test, const Texts& texts) const {
+    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+      return (test(std::get<I>(fields_), texts[I]) && ...);
+    }
+    (std::index_sequence_for<Field...>{});
+  }
+
+  std::tuple<Field Record::*...> fields_;
+};
 
 template <typename Record, std::size_t Capacity>
 class RecordTable {
@@ -32,6 +81,12 @@ class RecordTable {
       }
     }
     return nullptr;
+  }
+
+  // The first record with this key, or null.
+  template <typename Key>
+  Record* find(const Key& key, const typename Key::Texts& texts) const {
+    return find([&](const Record& record) { return key.matches(record, texts); });
   }
 
   // Appends a record. Returns false, with nothing changed, when the table is full.

@@ -50,12 +50,19 @@ class ServerBuffer {
 
   explicit ServerBuffer(char* data) noexcept : data_(data) {}
 
-  // Copies a text of at most kSize bytes.
-  Answer copy(std::string_view text) const noexcept {
-    if (!text.empty()) {
-      std::memmove(data_, text.data(), text.size());
+  // Copies a value of at most kSize bytes.
+  Answer copy(std::string_view value) const noexcept {
+    if (!value.empty()) {
+      std::memmove(data_, value.data(), value.size());
     }
-    return Answer::text(data_, text.size());
+    return Answer::text(data_, value.size());
+  }
+
+  // Copies a text of fewer than kSize bytes and ends it with a zero, which the length does not count.
+  Answer copyTerminated(std::string_view text) const noexcept {
+    const Answer answer = copy(text);
+    data_[text.size()] = '\0';
+    return answer;
   }
 
  private:

@@ -92,3 +92,13 @@ inline char* callString(StringBody body, const UDF_ARGS* args, char* result, uns
     return frame::callString(name##_body, args, result, length, is_null, error);                                       \
   }                                                                                                                    \
   static frame::Answer name##_body
+
+// name_deinit, which runs `statement` when a statement that used the function has ended.
+#define KEZU_DEINIT(name, statement)                         \
+  KEZU_UDF_EXPORT void name##_deinit(UDF_INIT* initid);      \
+  KEZU_UDF_EXPORT void name##_deinit(UDF_INIT* /*initid*/) { \
+    try {                                                    \
+      statement;                                             \
+    } catch (...) {                                          \
+    }                                                        \
+  }

@@ -80,17 +80,33 @@ bool checkTypesThenCount(const Signature& signature, const Args& args, char* mes
   return true;
 }
 
+bool checkArguments(const Signature& signature, const Args& args, char* message) {
+  if (signature.any_arguments) {
+    return true;
+  }
+  return signature.order == CheckOrder::kCountThenTypes ? checkCountThenTypes(signature, args, message)
+                                                        : checkTypesThenCount(signature, args, message);
+}
+
 bool accept(const Signature& signature, std::atomic<bool>& started, UDF_INIT* initid, const Args& args, char* message) {
-  const bool fits = signature.order == CheckOrder::kCountThenTypes ? checkCountThenTypes(signature, args, message)
-                                                                   : checkTypesThenCount(signature, args, message);
-  if (!fits) {
+  if (!checkArguments(signature, args, message)) {
     return false;
   }
   if (signature.max_length != 0) {
     initid->max_length = signature.max_length;
   }
-  initid->maybe_null = true;
-  return signature.start == EngineStart::kShared ? initUdf(message) : startEngine(started, message);
+  if (signature.sets_maybe_null) {
+    initid->maybe_null = true;
+  }
+  if (const char* refusal = signature.prepare == nullptr ? nullptr : signature.prepare(args, *initid)) {
+    explain(message, refusal);
+    return false;
+  }
+  const bool running = signature.start == EngineStart::kShared ? initUdf(message) : startEngine(started, message);
+  if (running && signature.after_start != nullptr) {
+    signature.after_start();
+  }
+  return running;
 }
 
 }  // namespace

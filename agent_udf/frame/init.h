@@ -28,13 +28,21 @@ enum class EngineStart {
   kOwn,     // under a flag of the function's own, as the data functions do
 };
 
+// A check of the arguments of one function's own, after the common ones. Returns null, or the message of the refusal;
+// may set the result's properties.
+using Prepare = const char* (*)(const Args& args, UDF_INIT& initid);
+
 // The arguments and result of one function.
 struct Signature {
+  bool any_arguments = false;      // the arguments are not looked at
   std::array<Form, 4> forms = {};  // unused entries are null; no two forms have the same count
   const char* usage = "";          // message for a wrong count
   unsigned int max_length = 0;     // longest result in bytes, 0 to leave what the server set
+  bool sets_maybe_null = true;     // the result may be SQL NULL; else what the server set is left
   CheckOrder order = CheckOrder::kCountThenTypes;
   EngineStart start = EngineStart::kShared;
+  Prepare prepare = nullptr;
+  void (*after_start)() = nullptr;  // run on every accepted call, once the engine runs
 };
 
 // Runs an _init. `started` is the function's own start flag, used with EngineStart::kOwn. Returns what the server

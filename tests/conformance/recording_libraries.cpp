@@ -28,14 +28,15 @@ RecordingEngine& engine() {
 
 lw_category audit_category{conformance::kAuditCategoryNumber};
 
-// A log whose lines the test has set.
+// A log whose lines the test has set. A scripted text stands for their number.
 class RecordedLog : public Log {
  public:
   explicit RecordedLog(int type) : type_(type) {}
 
   std::uint64_t getNumTotalLines(const std::string& date) override {
     engine().enter("Log::getNumTotalLines", std::to_string(type_) + ", " + quoted(date));
-    return conformance::logLines()[type_][date].size();
+    const std::string scripted = engine().textOf("Log::getNumTotalLines");
+    return scripted.empty() ? conformance::logLines()[type_][date].size() : std::stoull(scripted);
   }
 
   const char* getLog(const std::string& date, unsigned int lineNum) override {
@@ -132,8 +133,12 @@ LogFactory* LogFactory::getLogFactory() {
   return &factory;
 }
 
+// A scripted result of 1 is a log that does not exist.
 Log* LogFactory::getLog(int logType) {
   engine().enter("LogFactory::getLog", std::to_string(logType));
+  if (engine().resultOf("LogFactory::getLog") != 0) {
+    return nullptr;
+  }
   static std::map<int, RecordedLog> logs;
   return &logs.try_emplace(logType, logType).first->second;
 }

@@ -206,7 +206,7 @@ int kezuGetCipherSize(int size, char* policy, int* out, char* error) {
   engine().enter("kezuGetCipherSize", std::to_string(size) + ", " + textOf(policy));
   const int result = engine().resultOf("kezuGetCipherSize");
   if (result == 0) {
-    *out = engine().resultOf("kezuGetCipherSize.size", size + 16);
+    *out = engine().resultOf("kezuGetCipherSize.size", static_cast<int>(static_cast<unsigned int>(size) + 16U));
   } else {
     giveText(error, 256, "kezuGetCipherSize");
   }
