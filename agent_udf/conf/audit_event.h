@@ -13,7 +13,8 @@ struct AuditPair {
   std::string value;
 };
 
-// Writes one event of key and value pairs, at a level of logw/logw.h.
+// Writes one event of key and value pairs, at a level of logw/logw.h. An event has room for 1023 texts; those past them
+// are left out.
 void writeAuditEvent(int level, const std::vector<AuditPair>& pairs);
 
 // The same for an event whose texts do not come in pairs.

@@ -66,13 +66,16 @@ bool expectedResponse(const Q7UserInfo& user, HexDigest& response) {
   // Room for 64 digits of a digest and a password value that fills its field to the last byte.
   char authGen[256];
   HexDigest challenge;
-  std::snprintf(authGen, sizeof authGen, "%.*s", static_cast<int>(sizeof user.sessionId), user.sessionId);
+  Q7UserInfo own;  // another thread may issue a session or reload the record meanwhile
+  kezu::loadRecord(own, user);
+  std::snprintf(authGen, sizeof authGen, "%.*s", static_cast<int>(sizeof own.sessionId), own.sessionId);
   bool ok = challenge.sha256(authGen);
   if (ok) {
-    std::snprintf(authGen, sizeof authGen, "%s%.*s", challenge.text, static_cast<int>(sizeof user.passwd), user.passwd);
+    std::snprintf(authGen, sizeof authGen, "%s%.*s", challenge.text, static_cast<int>(sizeof own.passwd), own.passwd);
     ok = response.sha256(authGen);
   }
   OPENSSL_cleanse(authGen, sizeof authGen);
+  OPENSSL_cleanse(&own, sizeof own);
   return ok;
 }
 
@@ -101,12 +104,17 @@ long long succeed(Q7UserInfo& user) {
   return now;
 }
 
-long long refresh(const frame::Args& args, Q7UserInfo& user) {
+long long refresh(const frame::Args& args) {
   if (!checkAuth(args)) {
     return failed(kRefreshRefused);
   }
+  // Looked up only now: the check may have reloaded the administrators, and another one may stand where this one did.
+  Q7UserInfo* user = findSession(args.text(0));
+  if (user == nullptr) {
+    return failed(kRefreshRefused);
+  }
   const time_t now = time(nullptr);
-  kezu::publish(user.authTime, now);
+  kezu::publish(user->authTime, now);
   logLogin(kLogChange, LOGIN_SUCCESS_MESSAGE);
   return now;
 }
@@ -151,7 +159,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_get_auth,
     return failed(kUnknownSession);
   }
   if (args.count() == 1) {
-    return refresh(args, *user);
+    return refresh(args);
   }
   if (args.isNull(1)) {
     flags.setError();

@@ -43,7 +43,7 @@ KEZU_STRING_FUNCTION(kezu_conf_get_session_id,
     return frame::Answer::null();
   }
   const time_t now = time(nullptr);
-  if (user->sessionId[0] != '\0' && isFresh(*user, now)) {
+  if (kezu::observe(user->sessionId[0]) != '\0' && isFresh(*user, now)) {
     kezu::publish(user->authTime, now);
   } else if (!issueSession(*user)) {
     return frame::Answer::null();

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // How an event reaches the logging library, whichever function writes it.
+#include "conf/audit_event.h"
+
+#include <utility>
+
 #include "fixture.h"
 
 namespace conformance {
@@ -54,6 +58,31 @@ TEST_F(AuditEvent, TextsOfAnyBytesReachTheLogAsTheyAre) {
   registerColumn(owner);
   EXPECT_THAT(engine.events(), ElementsAre(IsEvent(2, "group", "policy", "owner", owner, "table", "t", "column", "c",
                                                    "policy", "p", "desc", "SET COLUMN")));
+}
+
+template <std::size_t... I>
+void writeTexts(std::index_sequence<I...> /*numbers*/) {
+  writeAuditTexts(2, {std::to_string(I)...});
+}
+
+TEST_F(AuditEvent, EventOfNoTextsIsOnlyNulls) {
+  writeAuditTexts(2, {});
+  EXPECT_THAT(engine.events(), ElementsAre(IsEvent(2)));
+}
+
+TEST_F(AuditEvent, TextsPastThe1023rdAreLeftOut) {
+  writeTexts(std::make_index_sequence<1022>());
+  writeTexts(std::make_index_sequence<1023>());
+  writeTexts(std::make_index_sequence<1024>());
+  writeTexts(std::make_index_sequence<1100>());
+  ASSERT_EQ(engine.events().size(), 4U);
+  EXPECT_EQ(engine.events()[0].texts.size(), 1022U);
+  for (std::size_t i = 1; i < 4; ++i) {
+    const Event event = engine.events()[i];
+    EXPECT_EQ(event.texts.size(), 1023U);
+    EXPECT_EQ(event.texts.back(), "1022");
+    EXPECT_TRUE(event.nulls_behind);
+  }
 }
 
 }  // namespace

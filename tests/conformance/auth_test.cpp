@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Login, refresh and lock: kezu_conf_get_auth.
+#include <algorithm>
+#include <atomic>
+#include <thread>
+#include <utility>
+
 #include "fixture.h"
 
 namespace conformance {
@@ -13,6 +18,11 @@ constexpr std::string_view kOtherResponse = "08d69fc9abae088028586ca2bf650134a55
 constexpr std::string_view kResponseToPasswordOf127 =
     "36cfcfb354df081de4f3c0df8031a6008ec7183ce0e5581c97265857e3f2b3bf";
 constexpr std::string_view kResponseToUtf8Password = "4f641cf613e72953f705cab2a784aae8bd62e20ef14a27f64fe8b7e5ebee0c77";
+
+// The id of the bytes 00 to 1f, which the recording generator draws, and the response to it: the SHA-256 of those
+// digits, followed by "secret", digested again, computed with sha256sum.
+constexpr std::string_view kFirstId = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+constexpr std::string_view kResponseToFirstId = "021244df4e2c1f03a94e07681cc7c9e1c2ca5c20a565a435ce2c7e3d722b8c20";
 
 constexpr const char* kSucceeded = "Brisolvane login successful";
 constexpr const char* kFailed = "Brisolvane login failed";
@@ -33,6 +43,7 @@ class Login : public Conformance {
   static IntegerResult login(std::string_view session, std::string_view response) {
     return call(kezu_conf_get_auth, {session, response});
   }
+  static StringResult request() { return call(kezu_conf_get_session_id, {"admin"}); }
   static IntegerResult refresh(std::string_view session) { return call(kezu_conf_get_auth, {session}); }
 
   void expectOnlyEvent(int level, const char* message) {
@@ -223,6 +234,14 @@ TEST_F(Lock, RefusedAttemptsDoNotMoveIt) {
   EXPECT_EQ(user.authLockTime, kStart + 600);
 }
 
+TEST_F(Lock, LeavesTheRecordAsItIs) {
+  user.authTime = kStart - 10;
+  const Q7UserInfo before = user;
+  EXPECT_EQ(login(kSession, kResponse), value(-3));
+  EXPECT_EQ(login(kSession, "wrong"), value(-3));
+  EXPECT_EQ(std::memcmp(&user, &before, sizeof user), 0);
+}
+
 TEST_F(Lock, HoldsAt599SecondsAndHasRunOutAt600) {
   setTime(kStart + 599);
   EXPECT_EQ(login(kSession, kResponse), value(-3));
@@ -398,6 +417,30 @@ TEST_F(Refresh, KeepsFailuresThatWereCounted) {
   EXPECT_EQ(user.authLockTime, kStart + 5);
 }
 
+// A reload can put another administrator where this one was, whose challenge must not become valid unproven.
+TEST_F(Refresh, FollowsTheSessionThatAReloadMoves) {
+  addUser("second", "other secret", kOtherSession, -1);
+  engine.onCall("Q7_ReloadAllInfoIfChanged", [] { std::swap(g_userInfo[0], g_userInfo[1]); });
+  setTime(kStart + 100);
+  EXPECT_EQ(refresh(kSession), value(kStart + 100));
+  EXPECT_STREQ(g_userInfo[1].id, "admin");
+  EXPECT_EQ(g_userInfo[1].authTime, kStart + 100);
+  EXPECT_EQ(g_userInfo[0].authTime, -1);
+  expectOnlyEvent(2, kSucceeded);
+}
+
+TEST_F(Refresh, SessionThatAReloadRemovesIsRefused) {
+  addUser("second", "other secret", kOtherSession, kStart);
+  engine.onCall("Q7_ReloadAllInfoIfChanged", [] {
+    g_userInfo[0] = g_userInfo[1];
+    g_numberOfUserInfo = 1;
+  });
+  setTime(kStart + 100);
+  EXPECT_EQ(refresh(kSession), value(-1));
+  EXPECT_EQ(g_userInfo[0].authTime, kStart);
+  expectOnlyEvent(4, kFailed);
+}
+
 TEST_F(Refresh, EmptySessionIsRefusedEvenWhereARecordHasNone) {
   addUser("second", "secret", "", kStart);
   EXPECT_EQ(refresh(""), value(-1));
@@ -412,9 +455,7 @@ TEST_F(Conformance, ChallengeLoginUseAndExpiry) {
   const std::string session = call(kezu_conf_get_session_id, {"admin"}).text();
   ASSERT_EQ(session.size(), 64U);
   EXPECT_EQ(call(kezu_conf_check_session_auth, {session}), value(1)) << "not proven yet";
-  // SHA-256 of the digits of 00 to 1f, followed by "secret", digested again: computed with sha256sum.
-  const std::string response = "021244df4e2c1f03a94e07681cc7c9e1c2ca5c20a565a435ce2c7e3d722b8c20";
-  EXPECT_EQ(call(kezu_conf_get_auth, {session, response}), value(kStart));
+  EXPECT_EQ(call(kezu_conf_get_auth, {session, kResponseToFirstId}), value(kStart));
   EXPECT_EQ(call(kezu_conf_get_session_id, {"admin"}).text(), session);
   EXPECT_EQ(call(kezu_conf_check_session_auth, {session}), value(0));
   setTime(kStart + 299);
@@ -422,6 +463,44 @@ TEST_F(Conformance, ChallengeLoginUseAndExpiry) {
   setTime(kStart + 299 + 300);
   EXPECT_EQ(call(kezu_conf_check_session_auth, {session}), value(1));
   EXPECT_EQ(call(kezu_conf_get_auth, {session}), value(-1));
+}
+
+// --- Several threads ---
+
+TEST_F(Login, ThreadsShareTheRecordsWithoutTearingThem) {
+  constexpr int kRounds = 300;
+  engine.onCall("RANDHASH_GetRandomNum", [] { std::this_thread::yield(); });
+  const auto repeat = [](auto work) {
+    return std::thread([work] {
+      for (int i = 0; i < kRounds; ++i) {
+        work();
+      }
+    });
+  };
+  std::atomic<int> unexpected = 0;
+  const auto oneOf = [&unexpected](const IntegerResult& result, std::initializer_list<long long> values) {
+    if (result.is_null || result.error || std::find(values.begin(), values.end(), result.value) == values.end()) {
+      ++unexpected;
+    }
+  };
+  // Wrong responses end the session that right ones open, and each request after that draws a new id.
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.push_back(repeat([&] {
+      const StringResult id = request();
+      unexpected += id.pointer == user.sessionId && id.length == 64 ? 0 : 1;
+    }));
+    threads.push_back(repeat([&] { oneOf(login(kFirstId, kResponseToFirstId), {kStart, -2, -3, -4}); }));
+    threads.push_back(repeat([&] { oneOf(login(kFirstId, "wrong"), {-2, -3, -4}); }));
+    threads.push_back(repeat([&] { oneOf(refresh(kFirstId), {kStart, -1, -4}); }));
+    threads.push_back(repeat([&] { oneOf(call(kezu_conf_check_session_auth, {kFirstId}), {0, 1, 2}); }));
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(unexpected, 0);
+  EXPECT_EQ(std::strspn(user.sessionId, "0123456789abcdef"), 64U);
+  EXPECT_STREQ(user.passwd, "secret");
 }
 
 // --- Failures inside ---

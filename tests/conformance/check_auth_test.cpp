@@ -246,9 +246,11 @@ TEST_F(CheckSession, WithoutAdministratorsGivesTwo) {
 }
 
 TEST_F(CheckSession, FailedReloadGivesMinusOneWhateverTheSession) {
-  engine.answer("Q7_ReloadAllInfoIfChanged", 1);
-  EXPECT_EQ(check(kSession), value(-1));
-  EXPECT_EQ(check("unknown"), value(-1));
+  for (const int answer : {1, -1, 256}) {
+    engine.answer("Q7_ReloadAllInfoIfChanged", answer);
+    EXPECT_EQ(check(kSession), value(-1)) << answer;
+    EXPECT_EQ(check("unknown"), value(-1)) << answer;
+  }
   EXPECT_EQ(user.authTime, kStart);
 }
 

@@ -88,12 +88,15 @@ TEST_F(SessionId, NewIdReplacesALongerOneWhole) {
 }
 
 TEST_F(SessionId, FailedReloadIsNullWithTheLengthUntouched) {
-  engine.answer("Q7_ReloadAllInfoIfChanged", -1);
-  const StringResult result = request("admin");
-  EXPECT_EQ(result.pointer, nullptr);
-  EXPECT_EQ(result.length, StringResult::kLengthBefore);
-  EXPECT_FALSE(result.error);
-  EXPECT_STREQ(user.sessionId, "");
+  for (const int answer : {-1, 1, 256}) {
+    engine.answer("Q7_ReloadAllInfoIfChanged", answer);
+    const StringResult result = request("admin");
+    EXPECT_EQ(result.pointer, nullptr) << answer;
+    EXPECT_EQ(result.length, StringResult::kLengthBefore) << answer;
+    EXPECT_FALSE(result.is_null) << answer;
+    EXPECT_FALSE(result.error) << answer;
+    EXPECT_STREQ(user.sessionId, "") << answer;
+  }
 }
 
 void expectNullOfLengthZero(const StringResult& result) {

@@ -76,6 +76,7 @@ TEST(LogFormat, BytesThatAreNoUtf8AreEscapedOneByOne) {
   EXPECT_EQ(valueOf("\xE0\x9F\xBF"), "\\xe0\\x9f\\xbf");           // too long
   EXPECT_EQ(valueOf("\xF0\x8F\xBF\xBF"), "\\xf0\\x8f\\xbf\\xbf");  // too long
   EXPECT_EQ(valueOf("\xED\xA0\x80"), "\\xed\\xa0\\x80");           // a surrogate
+  EXPECT_EQ(valueOf("\xED\xBF\xBF"), "\\xed\\xbf\\xbf");           // the last surrogate
   EXPECT_EQ(valueOf("\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // past the last code point
   EXPECT_EQ(valueOf("\xF5\x80\x80\x80"), "\\xf5\\x80\\x80\\x80");  // no lead byte
   EXPECT_EQ(valueOf("\xFF\xFE"), "\\xff\\xfe");
@@ -94,6 +95,12 @@ TEST(LogFormat, ControlCharactersPastAsciiAreEscaped) {
   EXPECT_EQ(valueOf("\xE2\x80\xA9"), "\\xe2\\x80\\xa9");                       // paragraph separator
   EXPECT_EQ(valueOf("\xE2\x80\xAE"), "\\xe2\\x80\\xae");                       // right-to-left override
   EXPECT_EQ(valueOf("\xE2\x81\xA6"), "\\xe2\\x81\\xa6");                       // left-to-right isolate
+  EXPECT_EQ(valueOf("\xE2\x81\xA9"), "\\xe2\\x81\\xa9");                       // pop directional isolate
+  EXPECT_EQ(valueOf("\xE2\x80\x8E"), "\\xe2\\x80\\x8e");                       // left-to-right mark
+  EXPECT_EQ(valueOf("\xE2\x80\x8F"), "\\xe2\\x80\\x8f");                       // right-to-left mark
+  EXPECT_EQ(valueOf("\xD8\x9C"), "\\xd8\\x9c");                                // Arabic letter mark
+  EXPECT_EQ(valueOf("\xE2\x80\x8D\xE2\x80\x90"), "\xE2\x80\x8D\xE2\x80\x90");  // the marks' neighbours
+  EXPECT_EQ(valueOf("\xE2\x81\xA5\xE2\x81\xAA"), "\xE2\x81\xA5\xE2\x81\xAA");  // the isolates' neighbours
   EXPECT_EQ(valueOf("\xE2\x80\xA7\xE2\x80\xAF"), "\xE2\x80\xA7\xE2\x80\xAF");  // their neighbours
 }
 
