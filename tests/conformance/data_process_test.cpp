@@ -574,6 +574,31 @@ TEST_F(Results, EightOfOneFunctionAreAliveAtOnce) {
   }
 }
 
+// Eight results later the buffer is used again: nothing of the clear text is in it when the engine gets it.
+TEST_F(Results, LeaveNoClearTextInABufferThatIsUsedAgain) {
+  const std::string operation = "Q7_DecryptBinaryExt";
+  for (const int function : {0, 1}) {
+    const char* secret = make(function, 600, 's').pointer;
+    for (int i = 0; i < 7; ++i) {
+      make(function, 300, 'o');
+    }
+    std::string before;
+    engine.onCall(operation, [&] { before.assign(secret, 600); });
+    EXPECT_EQ(make(function, 300, 'o').pointer, secret) << function;
+    engine.onCall(operation, nullptr);
+    EXPECT_EQ(before, std::string(600, '\0')) << function;
+  }
+}
+
+TEST_F(Results, LeaveNoPrintableDataBehindAShorterText) {
+  const char* secret = checkText("p", std::string(600, 's')).pointer;
+  for (int i = 0; i < 7; ++i) {
+    checkText("p", std::string(300, 'o'));
+  }
+  EXPECT_EQ(checkText("p", std::string(300, 'o')).pointer, secret);
+  EXPECT_EQ(std::string(secret + 300, 300), std::string(300, '\0'));
+}
+
 TEST_F(Results, ShortAndLongOnesOfOneFunctionAreAliveAtOnce) {
   for (int function = 0; function < kFunctions; ++function) {
     const StringResult first = make(function, 300, 'a');

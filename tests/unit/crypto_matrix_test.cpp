@@ -109,7 +109,8 @@ TEST(CryptoMatrix, PartialValues) {
   for (const auto& [position, length] : ranges) {
     SCOPED_TRACE(testing::Message() << "position " << position << ", length " << length);
     forEveryPolicy({.encPos = position, .encLen = length, .flag = "#"}, [](const Policy& policy) {
-      for (const std::size_t size : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 15U, 16U, 17U, 31U, 32U, 33U, 256U}) {
+      for (const std::size_t size :
+           {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 15U, 16U, 17U, 31U, 32U, 33U, 255U, 256U, 4000U}) {
         checkRoundTrip(policy, test::patternOf(size));
       }
     });

@@ -72,6 +72,15 @@ TEST_F(CipherSize, IsComputedByHand) {
   EXPECT_EQ(sizeOf("part", 20), 6 + 28 + 10);
 }
 
+TEST_F(CipherSize, RangesMayReachPastAnyValue) {
+  add({test::AES256, test::GCM, test::RANDOM, test::HEX, INT_MAX, INT_MAX, "#", {}, "far"});
+  add({test::AES256, test::GCM, test::RANDOM, test::HEX, 2, INT_MAX, "#", {}, "wide"});
+  for (const int size : {0, 1, 4000, INT_MAX}) EXPECT_EQ(sizeOf("far", size), size);
+  EXPECT_EQ(sizeOf("wide", 2), 2);
+  EXPECT_EQ(sizeOf("wide", 10), 2 + 1 + 2 * (1 + 12 + 8 + 16));
+  EXPECT_EQ(sizeOf("wide", INT_MAX), -1);
+}
+
 TEST_F(CipherSize, ReasonsAreGiven) {
   add({test::AES256, test::CTR, test::RANDOM, test::RAW, 0, 0, "", {}, "ctr"});
   std::string reason;

@@ -3,7 +3,9 @@
 // Values that this policy did not make, or that somebody changed since.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
+#include <climits>
 
 #include "cipher/kdf.h"
 #include "tests/unit/crypto_fixture.h"
@@ -159,6 +161,83 @@ TEST(CryptoTamper, GarbageAndClearTextAreNone) {
   }
 }
 
+// Every policy that can be made, RAW and without a flag.
+template <typename Check>
+void forEveryCipher(PolicyParameters parameters, Check check) {
+  for (parameters.algorithm = 0; parameters.algorithm < kAlgorithmCount; ++parameters.algorithm) {
+    for (parameters.blockMode = 0; parameters.blockMode < kBlockModeCount; ++parameters.blockMode) {
+      for (parameters.ivMode = 0; parameters.ivMode < kIvTypeCount; ++parameters.ivMode) {
+        const Policy policy(parameters);
+        if (!policy) continue;
+        SCOPED_TRACE(testing::Message() << "algorithm " << parameters.algorithm << ", mode " << parameters.blockMode
+                                        << ", IV " << parameters.ivMode);
+        check(policy);
+      }
+    }
+  }
+}
+
+TEST(CryptoTamper, WhatIsTooShortForAValueIsNone) {
+  forEveryCipher({}, [](const Policy& policy) {
+    const std::size_t shortest = encrypt(policy, {})->size();
+    for (std::size_t size = 0; size < shortest; ++size) {
+      Data garbage(size);
+      ASSERT_TRUE(cipher::randomBytes(garbage));
+      if (size != 0) garbage[0] = 0x81;
+      EXPECT_FALSE(decrypt(policy, garbage)) << size;
+    }
+  });
+}
+
+TEST(CryptoTamper, ClearTextBehindTheClearPartIsNone) {
+  for (const int length : {0, 3, INT_MAX}) {
+    forEveryCipher({.encPos = 2, .encLen = length}, [](const Policy& policy) {
+      for (const char* text : {"abc", "abcdef", "ab0123456789abcdef0123456789abcdef0123456789abcdef"}) {
+        EXPECT_FALSE(decrypt(policy, test::bytesOf(text))) << text;
+      }
+      for (std::size_t size = 3; size < 100; ++size) {
+        Data garbage(size);
+        ASSERT_TRUE(cipher::randomBytes(garbage));
+        garbage[2] &= 0x7f;
+        EXPECT_FALSE(decrypt(policy, garbage)) << size;
+        garbage[2] = 0x81;
+        decrypt(policy, garbage);  // whatever it gives where nothing is authenticated, it comes back
+      }
+    });
+  }
+}
+
+// Whether eight bytes on end of `value` stand anywhere in `out`.
+bool showsPartOf(const Data& out, const Data& value) {
+  for (auto at = value.begin(); value.end() - at >= 8; ++at) {
+    if (std::search(out.begin(), out.end(), at, at + 8) != out.end()) return true;
+  }
+  return false;
+}
+
+// Most modes give the text out before they know whether it is genuine.
+TEST(CryptoTamper, NothingOfARefusedValueStaysInTheOutput) {
+  for (const int position : {0, 2}) {
+    forEveryAuthenticated(position, 0, "", [position](const Policy& policy) {
+      if (policy.record.strMode != test::RAW) return;
+      const Data value = test::patternOf(64);
+      const Data encrypted = *encrypt(policy, value);
+      for (const std::size_t at : {static_cast<std::size_t>(position) + 1, encrypted.size() - 1}) {
+        Data changed = encrypted;
+        changed[at] ^= 1;
+        Data out(200, 0x5a);
+        auto size = static_cast<unsigned int>(out.size());
+        Q7EncPolicyInfo record = policy.record;
+        EXPECT_NE(Q7_DecryptBinaryExt(out.data(), &size, changed.data(), static_cast<unsigned int>(changed.size()),
+                                      &record, policy.handle),
+                  0);
+        EXPECT_EQ(size, 0U);
+        EXPECT_FALSE(showsPartOf(out, value)) << "byte " << at << " changed";
+      }
+    });
+  }
+}
+
 TEST(CryptoTamper, PaddingIsChecked) {
   for (const int algorithm : {test::AES256, test::SEED128, test::TDES168}) {
     const Policy policy({algorithm, test::CBC, test::RANDOM});
@@ -301,6 +380,44 @@ TEST(CryptoPartial, ValuesThatEndBeforeTheRangeAreStoredAsTheyAre) {
   EXPECT_EQ(decrypt(fromStart, {}), Data{});
 }
 
+TEST(CryptoPartial, RangesMayReachPastAnyValue) {
+  for (const int encoding : {test::RAW, test::BASE64, test::HEX}) {
+    const Policy wide({test::AES256, test::GCM, test::RANDOM, encoding, 2, INT_MAX, "#"});
+    for (const std::size_t size : {3U, 16U, 4000U}) {
+      const Data value = test::patternOf(size);
+      const Data encrypted = *encrypt(wide, value);
+      EXPECT_EQ(Data(encrypted.begin(), encrypted.begin() + 2), test::patternOf(2));
+      EXPECT_GT(encrypted.size(), size + 1 + 12 + 16);
+      EXPECT_EQ(decrypt(wide, encrypted), value);
+      EXPECT_FALSE(decrypt(wide, test::operator+(encrypted, Data{0})));
+    }
+    for (const int length : {0, 1, INT_MAX}) {
+      const Policy far({test::AES256, test::GCM, test::RANDOM, encoding, INT_MAX, length, "#"});
+      for (const std::size_t size : {0U, 1U, 4000U}) {
+        EXPECT_EQ(encrypt(far, test::patternOf(size)), test::patternOf(size));
+        EXPECT_EQ(decrypt(far, test::patternOf(size)), test::patternOf(size));
+      }
+    }
+  }
+}
+
+// A padded middle part can decrypt to fewer or more bytes than the range has. Without authentication nothing else tells
+// that the value is none of this policy.
+TEST(CryptoPartial, MiddlePartHasTheSizeOfTheRange) {
+  const Data key = test::patternOf(32);
+  const Policy policy({test::AES256, test::CBC, test::RANDOM, test::RAW, 2, 3, "", key});
+  const Data before = test::bytesOf("ab");
+  const Data shorter = *encrypt(policy, test::bytesOf("abc"));
+  EXPECT_EQ(decrypt(policy, shorter), test::bytesOf("abc"));
+  EXPECT_FALSE(decrypt(policy, test::operator+(shorter, Data{'d'}))) << "one byte, and something after it";
+  const Policy longer({test::AES256, test::CBC, test::RANDOM, test::RAW, 2, 9, "", key});
+  EXPECT_FALSE(decrypt(policy, *encrypt(longer, test::bytesOf("abcdef")))) << "four bytes";
+  EXPECT_TRUE(decrypt(policy, *encrypt(longer, test::bytesOf("abcde")))) << "three bytes";
+  const Policy whole({test::AES256, test::CBC, test::RANDOM, test::RAW, 0, 0, "", key});
+  EXPECT_FALSE(decrypt(policy, test::operator+(before, *encrypt(whole, {})))) << "no bytes";
+  EXPECT_TRUE(decrypt(policy, test::operator+(before, *encrypt(whole, {'c'})))) << "one byte";
+}
+
 TEST(CryptoWhole, EmptyValueIsEncryptedLikeAnyOther) {
   const Policy policy({.blockMode = test::GCM});
   const auto encrypted = encrypt(policy, {});
@@ -334,6 +451,25 @@ TEST(CryptoArguments, AreCheckedAtTheBorder) {
   }
   length = sizeof out;
   EXPECT_EQ(Q7_EncryptBinaryExt(out, &length, nullptr, 0, &policy.record, policy.handle), 0);
+}
+
+TEST(CryptoArguments, HandleIsThePolicysOwnAndLive) {
+  const Policy policy({.blockMode = test::GCM, .columnKey = test::patternOf(32)});
+  const Policy other({.blockMode = test::GCM, .encLen = 1, .columnKey = test::patternOf(32)});
+  const Data value = test::bytesOf("value");
+  const Data encrypted = *encrypt(policy, value);
+  const auto expectNone = [&](BCipherKey handle) {
+    for (const test::Result& result : {test::run(Q7_EncryptBinaryExt, value, policy.record, handle, 100),
+                                       test::run(Q7_DecryptBinaryExt, encrypted, policy.record, handle, 100)}) {
+      EXPECT_NE(result.code, 0);
+      EXPECT_EQ(result.length, 0U);
+    }
+  };
+  expectNone(other.handle);
+  BCIPHER_WipeKey(policy.handle);
+  expectNone(policy.handle);
+  BCIPHER_DelKey(policy.handle);
+  expectNone(policy.handle);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // Which parameters make a policy.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 
@@ -42,6 +43,26 @@ constexpr const char* kAccepted[] = {
     "dbbbbbbbbbbb",  // AES128-NI
     "dbbbbbbbbbbb",  // AES256-NI
 };
+
+// Audit events and kezu-admin show the names; stored policies hold the codes.
+TEST(PolicyKey, CodesHaveTheseNames) {
+  const std::vector<std::string> algorithms = {
+      "AES128",      "AES192",      "AES256", "ARIA128", "ARIA192",  "ARIA256",     "SEED128",     "CAMELLIA128",
+      "CAMELLIA192", "CAMELLIA256", "SM4",    "TDES168", "CHACHA20", "HMAC-SHA256", "HMAC-SHA512", "HMAC-HAS160"};
+  const std::vector<std::string> modes = {"ECB", "CBC", "CFB",      "OFB",  "CTR",      "GCM",
+                                          "CCM", "SIV", "CBC-HMAC", "CFB8", "CTR-HMAC", "OCB"};
+  for (std::size_t code = 0; code < algorithms.size(); ++code) {
+    EXPECT_EQ(Q7EncryptionAlgorithmStr[code], algorithms[code]);
+  }
+  EXPECT_STREQ(Q7EncryptionAlgorithmStr[19], "AES128-NI");
+  EXPECT_STREQ(Q7EncryptionAlgorithmStr[20], "AES256-NI");
+  for (std::size_t code = 0; code < modes.size(); ++code) EXPECT_EQ(Q7EncryptionBlockModeTypeStr[code], modes[code]);
+  EXPECT_STREQ(Q7EncryptionIVTypeStr[0], "DETERMINISTIC");
+  EXPECT_STREQ(Q7EncryptionIVTypeStr[1], "RANDOM");
+  EXPECT_STREQ(Q7EncryptionStrModeStr[0], "RAW");
+  EXPECT_STREQ(Q7EncryptionStrModeStr[1], "BASE64");
+  EXPECT_STREQ(Q7EncryptionStrModeStr[2], "HEX");
+}
 
 TEST(PolicyKey, AcceptsTheseCombinations) {
   if (Check_CPU_support_AES() == 0) GTEST_LOG_(INFO) << "no AES instructions: codes 19 and 20 are refused";
@@ -210,6 +231,19 @@ TEST(PolicyKey, SameRecordGivesTheSameKey) {
   EXPECT_EQ(result.code, 0);
   EXPECT_EQ(result.bytes, value);
   BCIPHER_DelKey(again);
+}
+
+// A copy of a record need not carry the bytes between its fields.
+TEST(PolicyKey, BytesBetweenTheFieldsDoNotMatter) {
+  const Policy policy({.blockMode = test::GCM});
+  Q7EncPolicyInfo record = policy.record;
+  auto* bytes = reinterpret_cast<unsigned char*>(&record);
+  std::memset(bytes + sizeof record.policyID, 0x5a, offsetof(Q7EncPolicyInfo, algID) - sizeof record.policyID);
+  unsigned char out[100];
+  unsigned int size = sizeof out;
+  const unsigned char value[] = {'v'};
+  EXPECT_EQ(Q7_EncryptBinaryExt(out, &size, value, sizeof value, &record, policy.handle), 0);
+  EXPECT_EQ(size, 1U + 12 + 1 + 16);
 }
 
 }  // namespace
