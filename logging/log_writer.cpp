@@ -78,7 +78,7 @@ bool LogWriter::openFor(std::string path, const std::string& directory) {
   }
   path_ = std::move(path);
   file_ = openForAppend(path_);
-  // Another process may make the folder in between.
+  // Another process may make the folder at the same moment.
   if (!file_ && errno == ENOENT && (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST)) {
     file_ = openForAppend(path_);
   }

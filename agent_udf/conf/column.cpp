@@ -50,7 +50,7 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
   if (find(name) != nullptr) {
     return refuse(flags);
   }
-  if (columns.isFull() || !fits(name, policy)) {
+  if (!fits(name, policy)) {
     return kNotSaved;
   }
   Q7EncColumnInfo record;
@@ -58,7 +58,9 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
   kezu::storeField(record.table, name.table);
   kezu::storeField(record.column, name.column);
   kezu::storeField(record.policyID, policy);
-  columns.append(record);
+  if (!columns.append(record)) {
+    return kNotSaved;
+  }
   switch (Q7_SaveColumnInfo()) {
     case -1:
       return kNotSaved;

@@ -4,10 +4,10 @@
 #include "conf/policy.h"
 
 #include <algorithm>
-#include <span>
 
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
+#include "conf/record_table.h"
 #include "frame/function.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -30,10 +30,6 @@ constexpr std::size_t kMaxFlag = sizeof Q7EncPolicyInfo::encFlag;
 
 int activeSlot() {
   return kezu::observe(g_encPolicyArray_flag);
-}
-
-int activeCount() {
-  return kezu::observe(g_numberOfEncPolicy[activeSlot()]);
 }
 
 bool isLetterOrDigit(char c) {
@@ -131,10 +127,14 @@ std::string flagText(const frame::Args& args) {
 
 long long createPolicy(const frame::Args& args, const std::string& name) {
   const std::string flag = flagText(args);
-  if (flag.size() > kMaxFlag || flag.find('\0') != std::string::npos || activeCount() >= kMaxPolicies) {
+  if (flag.size() > kMaxFlag || flag.find('\0') != std::string::npos) {
     return kRefused;
   }
   Staged next = stageNextSlot(kNone);
+  // Asked of the copy: another thread may fill the active table between a look at it and the copying.
+  if (next.count >= kMaxPolicies) {
+    return kRefused;
+  }
   const int algorithm = args.int32(2);
   if ((algorithm == kAes128Ni || algorithm == kAes256Ni) && Check_CPU_support_AES() == 0) {
     // The list as its readers know it: without the policy's name.
@@ -157,9 +157,9 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
 }
 
 bool isUsedByColumn(const std::string& name) {
-  const std::span columns(g_encColumnInfoArray, static_cast<std::size_t>(kezu::observe(g_numberOfEncColumn)));
-  return std::any_of(columns.begin(), columns.end(),
-                     [&name](const Q7EncColumnInfo& column) { return kezu::fieldEquals(column.policyID, name); });
+  const RecordTable columns(g_encColumnInfoArray, g_numberOfEncColumn);
+  return columns.find([&name](const Q7EncColumnInfo& column) { return kezu::fieldEquals(column.policyID, name); }) !=
+         nullptr;
 }
 
 long long deletePolicy(const std::string& name, int found) {

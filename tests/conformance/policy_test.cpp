@@ -653,6 +653,8 @@ TEST_F(FourPolicies, ColumnsBehindTheCountDoNotKeepOne) {
   registerColumn("a");
   g_numberOfEncColumn = 0;
   EXPECT_EQ(remove("a"), value(3));
+  g_numberOfEncColumn = -1;
+  EXPECT_EQ(remove("b"), value(3));
 }
 
 TEST_F(FourPolicies, LastOf2000ColumnsKeepsItsPolicy) {

@@ -68,6 +68,7 @@ TEST_F(StoreFaultTest, EveryCallOfASave) {
   int failures = 0;
   for (int call = 0;; ++call) {
     const std::string before = readText(file("column"));
+    const std::string checkBefore = g_last_column_KezuFileChkStr;
     setText(g_encColumnInfoArray[0].column, "c" + std::to_string(call));
     files.failAt(call, ENOSPC);
     const auto status = store->save(TableId::column);
@@ -85,6 +86,8 @@ TEST_F(StoreFaultTest, EveryCallOfASave) {
       EXPECT_TRUE(!replaced || status.error().text.find("home: cannot be synced") != std::string::npos)
           << status.error().text;
     }
+    EXPECT_EQ(replaced, checkBefore != g_last_column_KezuFileChkStr) << "the check string is that of the file";
+    EXPECT_EQ("c" + std::to_string(call), g_encColumnInfoArray[0].column) << "the change stays in memory";
     EXPECT_TRUE(fs::exists(file("column").string() + ".bak"));
     // The home opens, and the next save succeeds.
     ASSERT_TRUE(inChild([&] { return openStore(home())->loadAll().ok() ? 0 : 1; }) == 0);
