@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -98,6 +99,17 @@ void giveText(char* out, std::size_t capacity, std::string_view text) noexcept {
   }
 }
 
+// What the server shows of a message: it cuts it after 80 bytes. So that path and reason both show, a path that is
+// longer than its share keeps its end only.
+std::string forServer(const std::string& text) {
+  constexpr std::size_t kPathShare = 36;
+  const std::size_t path = text.find(": ");
+  if (path == std::string::npos || path <= kPathShare) {
+    return text;
+  }
+  return "..." + text.substr(path - kPathShare + 3);
+}
+
 int initialize(Engine& engine, unsigned int mode, char* message) {
   if (mode != 1) {
     giveText(message, kInitMessageSize, fmt::format("The engine has no mode {}.", mode));
@@ -107,8 +119,13 @@ int initialize(Engine& engine, unsigned int mode, char* message) {
     return 0;
   }
   if (Status status = start(engine); !status.ok()) {
-    giveText(message, kInitMessageSize, status.error().text);
-    reportOnce(engine, "The engine did not start: " + status.error().text);
+    giveText(message, kInitMessageSize, forServer(status.error().text));
+    const std::string report = "The engine did not start: " + status.error().text;
+    if (engine.fault != report) {
+      // The server's error log has it whole, also where there is no audit log yet.
+      std::fprintf(stderr, "kezu: %s\n", report.c_str());
+    }
+    reportOnce(engine, report);
     return 1;
   }
   engine.fault.clear();

@@ -17,19 +17,20 @@ CREATE TABLE customers (
   KEY by_email (email)
 );
 
+-- A policy that is missing gives the empty string; NULLIF turns it into NULL, which the column refuses, so that no value is lost.
 CREATE TRIGGER customers_insert BEFORE INSERT ON customers FOR EACH ROW
-  SET NEW.name        = data_process_po_ed('personal', 0, NEW.name),
-      NEW.email       = data_process_po_ed('lookup',   0, NEW.email),
-      NEW.national_id = data_process_po_ed('personal', 0, NEW.national_id),
-      NEW.card        = data_process_po_ed('card',     0, NEW.card);
+  SET NEW.name        = NULLIF(data_process_po_ed('personal', 0, NEW.name), ''),
+      NEW.email       = NULLIF(data_process_po_ed('lookup',   0, NEW.email), ''),
+      NEW.national_id = NULLIF(data_process_po_ed('personal', 0, NEW.national_id), ''),
+      NEW.card        = NULLIF(data_process_po_ed('card',     0, NEW.card), '');
 
 -- A column that the statement leaves alone keeps its encrypted value.
 CREATE TRIGGER customers_update BEFORE UPDATE ON customers FOR EACH ROW
-  SET NEW.name        = IF(NEW.name = OLD.name, OLD.name, data_process_po_ed('personal', 0, NEW.name)),
-      NEW.email       = IF(NEW.email = OLD.email, OLD.email, data_process_po_ed('lookup', 0, NEW.email)),
+  SET NEW.name        = IF(NEW.name = OLD.name, OLD.name, NULLIF(data_process_po_ed('personal', 0, NEW.name), '')),
+      NEW.email       = IF(NEW.email = OLD.email, OLD.email, NULLIF(data_process_po_ed('lookup', 0, NEW.email), '')),
       NEW.national_id = IF(NEW.national_id = OLD.national_id, OLD.national_id,
-                           data_process_po_ed('personal', 0, NEW.national_id)),
-      NEW.card        = IF(NEW.card = OLD.card, OLD.card, data_process_po_ed('card', 0, NEW.card));
+                           NULLIF(data_process_po_ed('personal', 0, NEW.national_id), '')),
+      NEW.card        = IF(NEW.card = OLD.card, OLD.card, NULLIF(data_process_po_ed('card', 0, NEW.card), ''));
 
 -- Decrypted values are bytes too; CONVERT says which text they are.
 CREATE VIEW customers_clear AS

@@ -78,7 +78,8 @@ bool LogWriter::openFor(std::string path, const std::string& directory) {
   }
   path_ = std::move(path);
   file_ = openForAppend(path_);
-  if (!file_ && errno == ENOENT && mkdir(directory.c_str(), 0700) == 0) {
+  // Another process may make the folder at the same moment.
+  if (!file_ && errno == ENOENT && (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST)) {
     file_ = openForAppend(path_);
   }
   return static_cast<bool>(file_);

@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::size_t kMaxResult = 8192;  // longest result in bytes; a longer one is SQL NULL
 constexpr int kMaxRounds = 10;            // decryption rounds before giving up
+constexpr int kMaxTries = 100;            // times that a value is taken up again when policies change under it
 
 // Output buffers have room for the padding that a cipher writes before it is known to be padding.
 constexpr std::size_t kOutputSize = kMaxResult + 64;
@@ -70,14 +71,26 @@ struct Peeled {
   std::size_t length = 0;  // bytes of the last round's output; above kMaxResult when it is too long
 };
 
+// Runs one walk over the policies, and runs it again when it came to nothing because they changed under it: an
+// administrator's work must not turn a value into an empty one. walk(policies) returns whether there was output.
+template <typename Walk>
+void withPolicies(Walk walk) {
+  for (int tries = 0; tries < kMaxTries; ++tries) {
+    PolicyWalk policies;
+    if (walk(policies) || !policies.overtaken()) {
+      return;
+    }
+  }
+}
+
 // Decrypts `data` under the named policy until the output is printable, kMaxRounds times at most. The last output
 // stands in the ring's next buffer. A round without output counts like any other.
-Peeled peel(std::string_view policy_name, std::string_view data, OutputRing& ring) {
+Peeled peelOnce(PolicyWalk& policies, std::string_view policy_name, std::string_view data, OutputRing& ring) {
   Peeled peeled;
   bool printable = false;
   Layer layer;
   unsigned char* out = ring.next();
-  forEachPolicyNamed(policy_name, [&](Q7EncPolicyInfo& policy, BCipherKey key) {
+  policies.run(policy_name, [&](Q7EncPolicyInfo& policy, BCipherKey key) {
     while (peeled.attempt <= kMaxRounds && peeled.length <= kMaxResult) {
       const std::string_view input = peeled.attempt == 1 ? data : layer.hold(out, peeled.length);
       peeled.length = process(Q7_DecryptBinaryExt, input, out, policy, key);
@@ -90,6 +103,15 @@ Peeled peel(std::string_view policy_name, std::string_view data, OutputRing& rin
       }
       ++peeled.attempt;
     }
+  });
+  return peeled;
+}
+
+Peeled peel(std::string_view policy_name, std::string_view data, OutputRing& ring) {
+  Peeled peeled;
+  withPolicies([&](PolicyWalk& policies) {
+    peeled = peelOnce(policies, policy_name, data, ring);
+    return peeled.length != 0;
   });
   return peeled;
 }
@@ -162,13 +184,16 @@ KEZU_STRING_FUNCTION(data_process_po_ed, {.forms = {"SIS"},
   }
   const bool decrypt = args.int32(1) != 0;
   OutputRing& ring = po_ed_results;
-  unsigned char* out = ring.next();
   std::size_t length = 0;
-  forEachPolicyNamed(args.text(0), [&](Q7EncPolicyInfo& policy, BCipherKey key) {
-    length = process(decrypt ? Q7_DecryptBinaryExt : Q7_EncryptBinaryExt, args.text(2), out, policy, key);
-    if (decrypt) {
-      ring.markSecret(std::min(length, kOutputSize));
-    }
+  withPolicies([&](PolicyWalk& policies) {
+    unsigned char* out = ring.next();
+    policies.run(args.text(0), [&](Q7EncPolicyInfo& policy, BCipherKey key) {
+      length = process(decrypt ? Q7_DecryptBinaryExt : Q7_EncryptBinaryExt, args.text(2), out, policy, key);
+      if (decrypt) {
+        ring.markSecret(std::min(length, kOutputSize));
+      }
+    });
+    return length != 0;
   });
   return length > kMaxResult ? sqlNull(flags) : ring.keep(length, buffer);
 }

@@ -10,8 +10,7 @@
 //  - Every text field is a zero-terminated character array whose size includes the terminating zero. Texts are byte
 //    strings, compared exactly and case-sensitively.
 //  - The tables, counters and modes are shared by every thread of the process without a lock. What one thread reads
-//  while
-//    another publishes it goes through the operations of kezu/shared.h.
+//    while another publishes it goes through the operations of kezu/shared.h.
 //  - No operation throws. All operations may be called from any thread, from several at once. Nothing is owned by the
 //    caller unless the operation says so, and every out-parameter is the caller's memory.
 //  - Operations that return int return 0 for success unless their comment says otherwise.
@@ -213,8 +212,8 @@ extern const char* const sqlType[kSqlTypeCount];
 //   mode     1; any other value is refused.
 //   scratch  null, or kInitScratchSize bytes that receive the engine's version as zero-terminated text.
 //   message  null, or kInitMessageSize bytes that receive, on failure only, a zero-terminated text that names the path
-//   and
-//            the reason.
+//            and the reason: a long path by its end, so that both show in what the server shows, the first 80 bytes.
+//            The whole of it goes to standard error.
 // Returns 0 when the engine runs; non-zero when it does not. Nothing is ever created in the file system.
 int kezuInitialize(unsigned int mode, char* scratch, char* message);
 
@@ -318,15 +317,13 @@ int checkBlobEnc(char* policy);
 // Encrypts and decrypts one value under a policy and its key. docs/ciphertext.md describes the encrypted text.
 //   out     receives the result; must not overlap `in`.
 //   outLen  in: capacity of out in bytes. out: bytes written; 0 when there is no result; when the result does not fit,
-//   a
-//           number greater than the capacity (the size needed, for decryption an upper bound of it), with out's
+//           a number greater than the capacity (the size needed, for decryption an upper bound of it), with out's
 //           contents unspecified.
 //   in      inLen bytes, any contents; inLen 0 is a value too. The operations have no other limit on its length than
 //           2^31 - 1.
 //   policy  the policy's record, or a copy of it.
 //   key     the handle that belongs to it. A handle that was wiped, deleted or made for another policy gives no result,
-//   also
-//           when that happens while the operation runs.
+//           also when that happens while the operation runs.
 // Return 0 when a result was written (it may be empty: the decryption of an encrypted empty value), non-zero otherwise.
 int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
                         Q7EncPolicyInfo* policy, _BCipherKey* key);

@@ -116,6 +116,60 @@ TEST_F(PoEd, HandsTheEntryAndItsKeyToTheEngine) {
   EXPECT_GE(seen.capacity, kLongest);
 }
 
+// --- Policies that change under a call ---
+
+// Makes the engine come to nothing `times` times, with the active slot moved on each time, as when an administrator's
+// changes overtake a slow thread.
+void overtake(RecordingEngine& engine, const std::string& operation, int times) {
+  auto left = std::make_shared<int>(times);
+  engine.onCall(operation, [left] {
+    if (*left > 0) {
+      --*left;
+      const int next = (g_encPolicyArray_flag + 1) % kPolicySlots;
+      std::copy(std::begin(g_encPolicyArray[g_encPolicyArray_flag]), std::end(g_encPolicyArray[g_encPolicyArray_flag]),
+                std::begin(g_encPolicyArray[next]));
+      std::copy(std::begin(g_makeKeyArray[g_encPolicyArray_flag]), std::end(g_makeKeyArray[g_encPolicyArray_flag]),
+                std::begin(g_makeKeyArray[next]));
+      g_numberOfEncPolicy[next] = g_numberOfEncPolicy[g_encPolicyArray_flag];
+      g_encPolicyArray_flag = next;
+    }
+  });
+}
+
+TEST_F(PoEd, EmptyOutputUnderAChangeOfPoliciesIsTakenUpAgain) {
+  for (const long long mode : {0LL, 1LL}) {
+    SCOPED_TRACE(mode);
+    overtake(engine, mode == 0 ? "Q7_EncryptBinaryExt" : "Q7_DecryptBinaryExt", 7);
+    const std::vector<CipherAnswer> nothing(7, CipherAnswer{});
+    engine.answerCipher(nothing);
+    const std::string data = mode == 0 ? "clear" : layered("clear", 1);
+    EXPECT_EQ(process("p", mode, data).text(), mode == 0 ? transformed("clear", policy(1)) : "clear");
+  }
+}
+
+TEST_F(PoEd, EmptyOutputUnderANewKeyIsTakenUpAgain) {
+  engine.onCall("Q7_EncryptBinaryExt", [this] {
+    if (engine.cipherCalls().size() == 1) {
+      g_makeKeyArray[0][1] = engine.makeKey("new key of p");
+    }
+  });
+  engine.answerCipher({CipherAnswer{}});
+  EXPECT_EQ(process("p", 0, "clear").text(), transformed("clear", policy(1)));
+  EXPECT_EQ(engine.cipherCalls().size(), 2U);
+}
+
+TEST_F(PoEd, EmptyOutputWithoutAChangeIsFinal) {
+  engine.answerCipher({CipherAnswer{}});
+  EXPECT_EQ(process("p", 0, "clear").text(), "");
+  EXPECT_EQ(engine.cipherCalls().size(), 1U);
+}
+
+TEST_F(PoEd, EndlessChangesEnd) {
+  overtake(engine, "Q7_EncryptBinaryExt", 1000);
+  engine.answerCipher(std::vector<CipherAnswer>(1000, CipherAnswer{}));
+  EXPECT_EQ(process("p", 0, "clear").text(), "");
+}
+
 TEST_F(PoEd, PolicyWithoutAKeyIsHandedOnAsItIs) {
   addPolicy(0, "nokey", false);
   process("nokey", 0, "x");

@@ -30,13 +30,18 @@ class StoreHomeTest : public StoreTest {
     return message;
   }
 
+  // How a message shows a path: by its end when it is longer than 36 bytes.
+  static std::string shown(const std::string& part) {
+    return part.front() != '/' || part.size() <= 36 ? part : "..." + part.substr(part.size() - 33);
+  }
+
   // Expects the start on `path` to fail with a message that has every part.
   static void expectRefused(const std::string& path, const std::vector<std::string>& parts) {
     EXPECT_EQ(0, inChild([&] {
                 const std::string message = start(path);
                 EXPECT_NE("", message);
                 for (const std::string& part : parts) {
-                  EXPECT_NE(std::string::npos, message.find(part)) << "'" << part << "' in: " << message;
+                  EXPECT_NE(std::string::npos, message.find(shown(part))) << "'" << part << "' in: " << message;
                 }
                 EXPECT_EQ(-1, Q7_ReloadAllInfoIfChanged());
                 EXPECT_EQ(-1, Q7_SaveColumnInfo());
@@ -51,6 +56,21 @@ class StoreHomeTest : public StoreTest {
               }));
   }
 };
+
+// Servers show the first 80 bytes of a message.
+TEST_F(StoreHomeTest, PathAndReasonShowInTheFirst80Bytes) {
+  const std::string missing = "/" + std::string(120, 'x') + "/the/home";
+  EXPECT_EQ(0, inChild([&] {
+              EXPECT_EQ(start(missing).substr(0, 80),
+                        "..." + std::string(24, 'x') + "/the/home: the configuration home does not exist; mak");
+              return 0;
+            }));
+  EXPECT_EQ(0, inChild([&] {
+              EXPECT_EQ(start("/" + std::string(35, 'y')).substr(0, 40), "/" + std::string(35, 'y') + ": th");
+              EXPECT_EQ(start("/" + std::string(36, 'y')).substr(0, 40), "..." + std::string(33, 'y') + ": th");
+              return 0;
+            }));
+}
 
 TEST_F(StoreHomeTest, StartsOnAGoodHome) {
   EXPECT_EQ(0, inChild([&] {
