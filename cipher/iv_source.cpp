@@ -6,9 +6,9 @@
 #include <openssl/crypto.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <cstring>
 
 #include "cipher/kdf.h"
 
@@ -37,8 +37,8 @@ class IvBlock {
     if (iv.size() > kBlockSize) return false;
     if ((left_ < iv.size() || forks_ != forks.load(std::memory_order_relaxed)) && !refill()) return false;
     left_ -= iv.size();
-    std::memcpy(iv.data(), bytes_ + left_, iv.size());
-    std::memset(bytes_ + left_, 0, iv.size());
+    std::copy_n(bytes_ + left_, iv.size(), iv.begin());
+    std::fill_n(bytes_ + left_, iv.size(), static_cast<unsigned char>(0));
     return true;
   }
 

@@ -45,13 +45,15 @@ long long registerColumn(const ColumnName& name, std::string_view policy, frame:
   if (columns.find(key, name) != nullptr) {
     return refuse(flags);
   }
-  if (columns.isFull() || !key.holds(name) || !kezu::fieldHolds(Q7EncColumnInfo{}.policyID, policy)) {
+  if (!key.holds(name) || !kezu::fieldHolds(Q7EncColumnInfo{}.policyID, policy)) {
     return kNotSaved;
   }
   Q7EncColumnInfo record;
   key.store(record, name);
   kezu::storeField(record.policyID, policy);
-  columns.append(record);
+  if (!columns.append(record)) {
+    return kNotSaved;
+  }
   switch (Q7_SaveColumnInfo()) {
     case -1:
       return kNotSaved;

@@ -4,11 +4,11 @@
 #include "conf/policy.h"
 
 #include <algorithm>
-#include <span>
 
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
 #include "conf/policy_table.h"
+#include "conf/record_table.h"
 #include "frame/function.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -112,10 +112,14 @@ std::string flagText(const frame::Args& args) {
 
 long long createPolicy(const frame::Args& args, const std::string& name) {
   const std::string flag = flagText(args);
-  if (flag.size() > kMaxFlag || flag.find('\0') != std::string::npos || activePolicyCount() >= kMaxPolicies) {
+  if (flag.size() > kMaxFlag || flag.find('\0') != std::string::npos) {
     return kRefused;
   }
   Staged next = stageNextSlot(kNone);
+  // Asked of the copy: another thread may fill the active table between a look at it and the copying.
+  if (next.count >= kMaxPolicies) {
+    return kRefused;
+  }
   const int algorithm = args.int32(2);
   if ((algorithm == kAes128Ni || algorithm == kAes256Ni) && Check_CPU_support_AES() == 0) {
     // The list as its readers know it: without the policy's name.
@@ -138,9 +142,9 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
 }
 
 bool isUsedByColumn(const std::string& name) {
-  const std::span columns(g_encColumnInfoArray, static_cast<std::size_t>(kezu::observe(g_numberOfEncColumn)));
-  return std::any_of(columns.begin(), columns.end(),
-                     [&name](const Q7EncColumnInfo& column) { return kezu::fieldEquals(column.policyID, name); });
+  const RecordTable columns(g_encColumnInfoArray, g_numberOfEncColumn);
+  return columns.find([&name](const Q7EncColumnInfo& column) { return kezu::fieldEquals(column.policyID, name); }) !=
+         nullptr;
 }
 
 long long deletePolicy(const std::string& name, int found) {

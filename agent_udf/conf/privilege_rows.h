@@ -43,13 +43,15 @@ class PrivilegeRows {
       set_flags(*found);
       return finish(kChanged, "CHANGE ", texts, std::move(flag_pairs));
     }
-    if (table_.isFull() || !key_.holds(texts)) {
+    if (!key_.holds(texts)) {
       return kNotSaved;
     }
     Record row = {};
     key_.store(row, texts);
     set_flags(row);
-    table_.append(row);
+    if (!table_.append(row)) {
+      return kNotSaved;
+    }
     return finish(kAdded, "ADD ", texts, std::move(flag_pairs));
   }
 

@@ -43,14 +43,16 @@ long long setCommand(const TableName& name, std::string_view command, Q7TableInf
     kezu::publish(found->migrationTime, time(nullptr));
     return finish(kChanged, "CHANGE", name);
   }
-  if (tables.isFull() || !key.holds(name)) {
+  if (!key.holds(name)) {
     return kNotSaved;
   }
   Q7TableInfo record = {};
   key.store(record, name);
   kezu::storeField(record.demigrationCmd, command);
   record.migrationTime = time(nullptr);
-  tables.append(record);
+  if (!tables.append(record)) {
+    return kNotSaved;
+  }
   return finish(kAdded, "ADD", name);
 }
 

@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::size_t kMaxResult = 8192;  // longest result in bytes; a longer one is SQL NULL
 constexpr int kMaxRounds = 10;            // decryption rounds before giving up
-constexpr int kMaxTries = 100;            // times that a value is taken up again when policies change under it
 
 // Output buffers have room for the padding that a cipher writes before it is known to be padding.
 constexpr std::size_t kOutputSize = kMaxResult + 64;
@@ -70,18 +69,6 @@ struct Peeled {
   int attempt = 1;         // rounds taken; kMaxRounds + 1 when none of them led to printable text
   std::size_t length = 0;  // bytes of the last round's output; above kMaxResult when it is too long
 };
-
-// Runs one walk over the policies, and runs it again when it came to nothing because they changed under it: an
-// administrator's work must not turn a value into an empty one. walk(policies) returns whether there was output.
-template <typename Walk>
-void withPolicies(Walk walk) {
-  for (int tries = 0; tries < kMaxTries; ++tries) {
-    PolicyWalk policies;
-    if (walk(policies) || !policies.overtaken()) {
-      return;
-    }
-  }
-}
 
 // Decrypts `data` under the named policy until the output is printable, kMaxRounds times at most. The last output
 // stands in the ring's next buffer. A round without output counts like any other.

@@ -101,15 +101,29 @@ struct Digest {
 
 // HMAC of the data under every policy of that name, the last one's being the result. False when there is none or one
 // fails.
-bool keyedDigest(std::string_view data, std::string_view policy_name, const Algorithm& algorithm, Digest& digest) {
+bool keyedDigestOnce(PolicyWalk& policies, std::string_view data, std::string_view policy_name,
+                     const Algorithm& algorithm, Digest& digest) {
   bool found = false;
   bool failed = false;
-  forEachPolicyNamed(policy_name, [&](Q7EncPolicyInfo& policy, BCipherKey /*key*/) {
+  policies.run(policy_name, [&](Q7EncPolicyInfo& /*policy*/, BCipherKey /*key*/) {
     found = true;
-    failed = failed || kezuHmacBinary(digest.value, &digest.length, bytes(data), static_cast<unsigned int>(data.size()),
-                                      algorithm.id, &policy) != 0;
+    // The record itself instead of the copy: the engine keeps a prepared key for it. Its name says afterwards that it
+    // was this policy's all along.
+    failed = failed ||
+             kezuHmacBinary(digest.value, &digest.length, bytes(data), static_cast<unsigned int>(data.size()),
+                            algorithm.id, &policies.record()) != 0 ||
+             !kezu::fieldEquals(policies.record().policyID, policy_name);
   });
   return found && !failed;
+}
+
+bool keyedDigest(std::string_view data, std::string_view policy_name, const Algorithm& algorithm, Digest& digest) {
+  bool done = false;
+  withPolicies([&](PolicyWalk& policies) {
+    done = keyedDigestOnce(policies, data, policy_name, algorithm, digest);
+    return done;
+  });
+  return done;
 }
 
 }  // namespace

@@ -30,6 +30,7 @@ class PolicyWalk {
       Q7EncPolicyInfo policy;
       kezu::loadRecord(policy, g_encPolicyArray[slot_][i]);
       if (kezu::fieldEquals(policy.policyID, name)) {
+        record_ = &g_encPolicyArray[slot_][i];
         used_ = &g_makeKeyArray[slot_][i];
         key_ = kezu::observe(*used_);
         use(policy, key_);
@@ -38,6 +39,9 @@ class PolicyWalk {
     }
   }
 
+  // The record in the table that use() was called with a copy of. Another thread may rebuild its slot.
+  Q7EncPolicyInfo& record() const { return *record_; }
+
   // Whether the policies moved on while the walk ran, so that an empty result may say nothing about the value.
   bool overtaken() const {
     return kezu::observe(g_encPolicyArray_flag) != slot_ || (used_ != nullptr && kezu::observe(*used_) != key_);
@@ -45,6 +49,20 @@ class PolicyWalk {
 
  private:
   int slot_ = 0;
+  Q7EncPolicyInfo* record_ = nullptr;
   const BCipherKey* used_ = nullptr;  // the place of the last key that was used
   BCipherKey key_ = nullptr;
 };
+
+// Runs one walk over the policies, and runs it again when it came to nothing because they changed under it: an
+// administrator's work must not turn a value into an empty one. walk(policies) returns whether there was output.
+template <typename Walk>
+void withPolicies(Walk walk) {
+  constexpr int kMaxTries = 100;
+  for (int tries = 0; tries < kMaxTries; ++tries) {
+    PolicyWalk policies;
+    if (walk(policies) || !policies.overtaken()) {
+      return;
+    }
+  }
+}

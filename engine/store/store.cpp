@@ -173,10 +173,14 @@ void Store::publish(Staged& staged) noexcept {
   Entry& entry = *staged.entry;
   staged.table->publish();
   entry.identity = staged.identity;
-  if (auto* shown = entry.table->checkString()) {
-    kezu::storeField(*shown, staged.checkString);
-  }
   entry.memoryCheck = std::move(staged.checkString);
+  show(entry);
+}
+
+void Store::show(const Entry& entry) noexcept {
+  if (auto* shown = entry.table->checkString()) {
+    kezu::storeField(*shown, entry.memoryCheck);
+  }
 }
 
 void Store::acceptMemory(TableId id) {
@@ -195,13 +199,7 @@ Status Store::save(TableId id) {
     return at(path(mine),
               {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
   }
-  Status status = write(mine, payload);
-  if (status.ok()) {
-    if (auto* shown = mine.table->checkString()) {
-      kezu::storeField(*shown, mine.memoryCheck);
-    }
-  }
-  return status;
+  return write(mine, payload);
 }
 
 Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
@@ -230,7 +228,9 @@ Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
     files_.unlink(fresh.c_str());
     return status;
   }
+  // The new version is in place, also where the sync fails.
   entry.identity = written.value();
+  show(entry);
   return syncDirectory(files_, home_.directory);
 }
 

@@ -205,8 +205,9 @@ TEST_F(Policy, CountIsStoredBeforeTheFlag) {
   for (const bool creating : {true, false}) {
     std::unique_ptr<WriteWatch> watch;
     engine.onCall("lw_log", [&] {
-      watch = std::make_unique<WriteWatch>(
-          std::vector<std::pair<std::string, void*>>{{"count", g_numberOfEncPolicy}, {"flag", &g_encPolicyArray_flag}});
+      watch = std::make_unique<WriteWatch>(std::vector<WatchedVariable>{
+          {"count", &g_numberOfEncPolicy[(g_encPolicyArray_flag + 1) % kPolicySlots], sizeof(int)},
+          {"flag", &g_encPolicyArray_flag, sizeof g_encPolicyArray_flag}});
     });
     EXPECT_EQ(creating ? create("p") : remove("p"), value(creating ? 1 : 3));
     ASSERT_NE(watch, nullptr);
@@ -653,6 +654,8 @@ TEST_F(FourPolicies, ColumnsBehindTheCountDoNotKeepOne) {
   registerColumn("a");
   g_numberOfEncColumn = 0;
   EXPECT_EQ(remove("a"), value(3));
+  g_numberOfEncColumn = -1;
+  EXPECT_EQ(remove("b"), value(3));
 }
 
 TEST_F(FourPolicies, LastOf2000ColumnsKeepsItsPolicy) {

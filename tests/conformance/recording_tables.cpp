@@ -13,10 +13,11 @@
 
 Q7EncPolicyInfo g_encPolicyArray[kPolicySlots][kMaxPolicies];
 BCipherKey g_makeKeyArray[kPolicySlots][kMaxPolicies];
-OWN_PAGE("watched_counts") int g_numberOfEncPolicy[kPolicySlots] = {};
-OWN_PAGE("watched_counts_end") char g_watchedCountsEnd[4096] = {};
-OWN_PAGE("watched_flag") int g_encPolicyArray_flag = 0;
-OWN_PAGE("watched_flag_end") char g_watchedFlagEnd[4096] = {};
+// A page on both sides: the compiler may lay the variables of a section out in either order.
+OWN_PAGE("watched") char g_watchedStart[4096] = {};
+OWN_PAGE("watched") int g_numberOfEncPolicy[kPolicySlots] = {};
+OWN_PAGE("watched") int g_encPolicyArray_flag = 0;
+OWN_PAGE("watched") char g_watchedEnd[4096] = {};
 
 Q7EncColumnInfo g_encColumnInfoArray[kMaxColumns];
 int g_numberOfEncColumn;

@@ -15,14 +15,21 @@ constexpr std::size_t kMostVariables = 4;
 
 struct Watched {
   std::string name;
+  std::uintptr_t start = 0;
+  std::size_t size = 0;
   std::uintptr_t page = 0;
+};
+
+struct Write {
+  std::size_t variable = 0;
+  bool inside = false;  // the write hit the variable, not its neighbour on the page
 };
 
 // Read by the signal handler.
 std::size_t page_size = 0;
 std::array<Watched, kMostVariables> watched;
 std::size_t watched_count = 0;
-std::array<std::size_t, kMostVariables> written;
+std::array<Write, kMostVariables> written;
 std::size_t written_count = 0;
 
 bool protect(const Watched& variable, int rights) {
@@ -31,10 +38,11 @@ bool protect(const Watched& variable, int rights) {
 
 // Notes whose page was written to, and lets the write happen.
 void onFault(int signal, siginfo_t* info, void* /*context*/) {
-  const std::uintptr_t page = reinterpret_cast<std::uintptr_t>(info->si_addr) & ~(page_size - 1);
+  const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+  const std::uintptr_t page = address & ~(page_size - 1);
   for (std::size_t i = 0; i < watched_count; ++i) {
     if (watched[i].page == page && protect(watched[i], PROT_READ | PROT_WRITE)) {
-      written[written_count++] = i;
+      written[written_count++] = {i, address - watched[i].start < watched[i].size};
       return;
     }
   }
@@ -43,7 +51,7 @@ void onFault(int signal, siginfo_t* info, void* /*context*/) {
 
 }  // namespace
 
-WriteWatch::WriteWatch(std::vector<std::pair<std::string, void*>> variables) {
+WriteWatch::WriteWatch(const std::vector<WatchedVariable>& variables) {
   if (variables.size() > kMostVariables) {
     throw std::invalid_argument("too many variables");
   }
@@ -51,7 +59,8 @@ WriteWatch::WriteWatch(std::vector<std::pair<std::string, void*>> variables) {
   written_count = 0;
   watched_count = variables.size();
   for (std::size_t i = 0; i < watched_count; ++i) {
-    watched[i] = {variables[i].first, reinterpret_cast<std::uintptr_t>(variables[i].second) & ~(page_size - 1)};
+    const auto start = reinterpret_cast<std::uintptr_t>(variables[i].start);
+    watched[i] = {variables[i].name, start, variables[i].size, start & ~(page_size - 1)};
   }
   struct sigaction action = {};
   action.sa_sigaction = onFault;
@@ -72,7 +81,8 @@ WriteWatch::~WriteWatch() {
 std::vector<std::string> WriteWatch::order() const {
   std::vector<std::string> names;
   for (std::size_t i = 0; i < written_count; ++i) {
-    names.push_back(watched[written[i]].name);
+    const std::string& name = watched[written[i].variable].name;
+    names.push_back(written[i].inside ? name : "not " + name);
   }
   return names;
 }

@@ -7,20 +7,26 @@
 #include <csignal>
 #include <cstddef>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace conformance {
 
+struct WatchedVariable {
+  std::string name;
+  void* start;
+  std::size_t size;  // bytes
+};
+
 // Watches from its construction until each variable was written once, or to its end. One at a time.
 class WriteWatch {
  public:
-  explicit WriteWatch(std::vector<std::pair<std::string, void*>> variables);
+  explicit WriteWatch(const std::vector<WatchedVariable>& variables);
   ~WriteWatch();
   WriteWatch(const WriteWatch&) = delete;
   WriteWatch& operator=(const WriteWatch&) = delete;
 
-  // Names of the variables that were written, in the order of their first write.
+  // Names of the variables that were written, in the order of their first write. A variable that shares its page with
+  // something that was written first appears as "not NAME": its own first write was not seen.
   std::vector<std::string> order() const;
 
  private:

@@ -25,17 +25,18 @@ class AdminTest : public ::testing::Test {
 
   fs::path home() const { return directory_.path() / "home"; }
 
-  // Runs kezu-admin, which stands beside the tests.
-  Outcome run(const std::string& arguments, const std::string& input = "") const {
+  // Runs kezu-admin, which stands beside the tests. What it writes goes to the file at `output` where one is given.
+  Outcome run(const std::string& arguments, const std::string& input = "", const fs::path& output = {}) const {
     const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "kezu-admin";
     const fs::path in = directory_.path() / "in";
-    const fs::path out = directory_.path() / "out";
+    const fs::path out = output.empty() ? directory_.path() / "out" : output;
     const fs::path err = directory_.path() / "err";
     writeText(in, input);
     const std::string command =
         program.string() + " " + arguments + " <" + in.string() + " >" + out.string() + " 2>" + err.string();
     const int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(out), readText(err)};
+    const int exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return {exitStatus, output.empty() ? readText(out) : "", readText(err)};
   }
 
   Outcome init(const std::string& input = "first value\n") const {
@@ -338,6 +339,15 @@ TEST_F(AdminTest, FailuresReturn1AndSayWhatToDo) {
     EXPECT_TRUE(has(outcome.err, home().string() + ": the configuration home does not exist")) << outcome.err;
     EXPECT_TRUE(has(outcome.err, "kezu-admin init"));
     EXPECT_EQ("", outcome.out);
+  }
+}
+
+TEST_F(AdminTest, OutputThatCannotBeWrittenIsAFailure) {
+  ASSERT_EQ(0, init().status);
+  for (const char* command : {"status", "verify", "dump"}) {
+    const Outcome outcome = run(std::string(command) + " --home " + home().string(), "", "/dev/full");
+    EXPECT_EQ(1, outcome.status) << command;
+    EXPECT_EQ("kezu-admin: the output cannot be written: No space left on device\n", outcome.err) << command;
   }
 }
 

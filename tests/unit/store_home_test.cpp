@@ -7,7 +7,13 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <csignal>
+#include <map>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "logw/log_factory.h"
 #include "unit/store_fixture.h"
@@ -87,6 +93,32 @@ TEST_F(StoreHomeTest, StartsOnAGoodHome) {
             }));
   EXPECT_FALSE(fs::exists(home() / "log")) << "a start creates nothing";
   EXPECT_FALSE(fs::exists(home() / ".lock"));
+}
+
+TEST_F(StoreHomeTest, FirstStartsAtOnceAllSucceed) {
+  EXPECT_EQ(0, inChild([&] {
+              setenv("KEZU_HOME", home().c_str(), 1);
+              std::array<int, 8> results;
+              results.fill(-7);
+              std::vector<std::thread> threads;
+              for (int& result : results) {
+                threads.emplace_back([&result] {
+                  char scratch[kInitScratchSize];
+                  char message[kInitMessageSize];
+                  result = kezuInitialize(1, scratch, message);
+                  if (result == 0 && g_numberOfUserInfo != 1) {
+                    result = -8;  // it said that it runs before it had loaded
+                  }
+                });
+              }
+              for (std::thread& thread : threads) {
+                thread.join();
+              }
+              for (const int result : results) {
+                EXPECT_EQ(0, result);
+              }
+              return 0;
+            }));
 }
 
 TEST_F(StoreHomeTest, AnotherModeIsRefused) {
@@ -308,6 +340,90 @@ TEST_F(StoreHomeTest, SavesReturnTheirCodes) {
             }));
 }
 
+// Each save writes the file of its own table and no other.
+TEST_F(StoreHomeTest, SavesWriteTheirOwnFile) {
+  EXPECT_EQ(0, inChild([&] {
+              EXPECT_EQ("", start(home()));
+              const std::pair<const char*, int (*)()> saves[] = {
+                  {"policy", Q7_SavePolicyInfo},       {"column", Q7_SaveColumnInfo},
+                  {"access", Q7_SaveAccessPrivInfo},   {"privilege", Q7_SaveEncPrivInfo},
+                  {"querypriv", Q7_SaveQueryPrivInfo}, {"tableinfo", Q7_SaveTableInfo},
+                  {"user", Q7_SaveUserInfo},
+              };
+              for (const auto& [saved, save] : saves) {
+                std::map<std::string, std::string> before;
+                for (const char* name : kTableNames) {
+                  before[name] = readText(file(name));
+                }
+                EXPECT_EQ(0, save());
+                for (const char* name : kTableNames) {
+                  EXPECT_EQ(name == std::string(saved), readText(file(name)) != before[name]) << saved << ", " << name;
+                }
+              }
+              return 0;
+            }));
+}
+
+// Another process saves every table with one record more, or one table alone.
+void saveElsewhere(const fs::path& home, const std::vector<TableId>& ids) {
+  EXPECT_EQ(0, inChild([&] {
+              auto store = loadStore(home);
+              addPolicy("theirs");
+              addColumn("theirs");
+              g_numberOfAccessPriv = g_numberOfEncPriv = g_numberOftableInfo = 1;
+              Q7QueryPriv rule;
+              EXPECT_EQ(0, Q7QueryPriv::insert(rule));
+              addUser("theirs", "value");
+              for (const TableId id : ids) {
+                if (!store->save(id).ok()) {
+                  return 1;
+                }
+              }
+              return 0;
+            }));
+}
+
+TEST_F(StoreHomeTest, ReloadsTakeInEveryTable) {
+  for (const auto reload : {Q7_ReloadAllInfoIfChanged, Q7_ReloadAllInfoIfChanged3}) {
+    EXPECT_EQ(0, inChild([&] {
+                EXPECT_EQ("", start(home()));
+                const int policies = g_numberOfEncPolicy[g_encPolicyArray_flag];
+                const int columns = g_numberOfEncColumn;
+                const int rules = g_numberOfQueryPriv;
+                const int users = g_numberOfUserInfo;
+                const std::string check = g_last_column_KezuFileChkStr;
+                saveElsewhere(home(), {TableId::policy, TableId::column, TableId::access, TableId::privilege,
+                                       TableId::queryPriv, TableId::tableInfo, TableId::user});
+                EXPECT_EQ(check, g_last_column_KezuFileChkStr) << "of the file as last loaded";
+                EXPECT_EQ(0, reload());
+                EXPECT_NE(check, g_last_column_KezuFileChkStr);
+                EXPECT_EQ(policies + 1, g_numberOfEncPolicy[g_encPolicyArray_flag]);
+                EXPECT_EQ(columns + 1, g_numberOfEncColumn);
+                EXPECT_EQ(1, g_numberOfAccessPriv);
+                EXPECT_EQ(1, g_numberOfEncPriv);
+                EXPECT_EQ(rules + 1, g_numberOfQueryPriv);
+                EXPECT_EQ(1, g_numberOftableInfo);
+                EXPECT_EQ(users + 1, g_numberOfUserInfo);
+                return 0;
+              }));
+  }
+}
+
+TEST_F(StoreHomeTest, LoadingTableInfosTakesInNoOtherTable) {
+  EXPECT_EQ(0, inChild([&] {
+              EXPECT_EQ(-1, Q7_LoadTableInfo()) << "not started";
+              EXPECT_EQ("", start(home()));
+              saveElsewhere(home(), {TableId::tableInfo, TableId::column});
+              EXPECT_EQ(0, Q7_LoadTableInfo());
+              EXPECT_EQ(1, g_numberOftableInfo);
+              EXPECT_EQ(0, g_numberOfEncColumn);
+              writeText(file("tableinfo"), "damaged");
+              EXPECT_NE(0, Q7_LoadTableInfo());
+              EXPECT_EQ(1, g_numberOftableInfo) << "unchanged";
+              return 0;
+            }));
+}
+
 TEST_F(StoreHomeTest, SavesThatAnotherProcessOvertookReturnTheirCodes) {
   EXPECT_EQ(0, inChild([&] {
               EXPECT_EQ("", start(home()));
@@ -463,9 +579,29 @@ TEST_F(StoreHomeTest, PolicyOfAColumn) {
   EXPECT_NE(0, kezuGetEncPolicyId(owner, table, upper, policy, error));
   EXPECT_STREQ("the column is not registered for encryption", error);
   EXPECT_NE(0, kezuGetEncPolicyId(owner, longName, column, policy, nullptr));
+  EXPECT_NE(0, kezuGetEncPolicyId(upper, table, column, policy, error)) << "the owner counts";
+  EXPECT_NE(0, kezuGetEncPolicyId(owner, upper, column, policy, error)) << "the table counts";
   EXPECT_NE(0, kezuGetEncPolicyId(nullptr, table, column, policy, error));
   g_numberOfEncColumn = 0;
   EXPECT_NE(0, kezuGetEncPolicyId(owner, table, column, policy, error));
+}
+
+TEST_F(StoreHomeTest, PolicyOfAColumnIsTheFirstThatMatches) {
+  for (int i = 0; i < kMaxColumns; ++i) {
+    addColumn("c" + std::to_string(i));
+    setText(g_encColumnInfoArray[i].policyID, "p" + std::to_string(i));
+  }
+  setText(g_encColumnInfoArray[7].column, "twice");
+  setText(g_encColumnInfoArray[8].column, "twice");
+  char policy[65] = "";
+  char owner[] = "shop";
+  char table[] = "customer";
+  char twice[] = "twice";
+  char last[] = "c1999";
+  EXPECT_EQ(0, kezuGetEncPolicyId(owner, table, twice, policy, nullptr));
+  EXPECT_STREQ("p7", policy);
+  EXPECT_EQ(0, kezuGetEncPolicyId(owner, table, last, policy, nullptr));
+  EXPECT_STREQ("p1999", policy);
 }
 
 }  // namespace

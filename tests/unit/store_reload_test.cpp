@@ -22,6 +22,20 @@ class CountingFiles : public engine::store::FileSystem {
   int stats = 0;
 };
 
+// Shows the file of the columns with a status that differs in one place.
+class OtherStatusFiles : public CountingFiles {
+ public:
+  int stat(const char* path, struct stat* out) override {
+    const int result = CountingFiles::stat(path, out);
+    if (change && fs::path(path).filename() == "column.kz") {
+      change(*out);
+    }
+    return result;
+  }
+
+  std::function<void(struct stat&)> change;
+};
+
 class StoreReloadTest : public StoreTest {
  protected:
   // Another process changes the tables with `change`, and saves `id`.
@@ -53,6 +67,38 @@ TEST_F(StoreReloadTest, OpensOnlyWhatChanged) {
   EXPECT_EQ(7, files.stats);
   EXPECT_EQ(1, files.opens);
   EXPECT_EQ(1, g_numberOfEncColumn);
+}
+
+TEST_F(StoreReloadTest, AFileIsAnotherOneWhenDeviceInodeSizeOrTimeDiffer) {
+  const std::pair<const char*, std::function<void(struct stat&)>> changes[] = {
+      {"device", [](struct stat& status) { ++status.st_dev; }},
+      {"inode", [](struct stat& status) { ++status.st_ino; }},
+      {"size", [](struct stat& status) { ++status.st_size; }},
+      {"seconds", [](struct stat& status) { --status.st_mtim.tv_sec; }},
+      {"nanoseconds", [](struct stat& status) { status.st_mtim.tv_nsec ^= 1; }},
+  };
+  for (const auto& [what, change] : changes) {
+    OtherStatusFiles files;
+    auto store = loadStore(home(), files);
+    files.change = change;
+    addColumn("c");
+    const auto status = store->save(TableId::column);
+    ASSERT_FALSE(status.ok()) << what;
+    EXPECT_EQ(engine::store::Error::Kind::conflict, status.error().kind) << what;
+    files.opens = 0;
+    EXPECT_TRUE(store->reloadChanged().ok()) << what;
+    EXPECT_EQ(1, files.opens) << what;
+    EXPECT_EQ(0, g_numberOfEncColumn) << what;
+  }
+}
+
+TEST_F(StoreReloadTest, TheMasterKeyIsReadAtTheStartOnly) {
+  auto store = loadStore(home());
+  changeElsewhere(TableId::column, [] { addColumn("c"); });
+  fs::remove(home() / "master.key");
+  ASSERT_TRUE(store->reloadChanged().ok());
+  EXPECT_EQ(1, g_numberOfEncColumn);
+  EXPECT_TRUE(store->save(TableId::column).ok());
 }
 
 TEST_F(StoreReloadTest, NothingIsReloadedAfterASaveOfOnesOwn) {

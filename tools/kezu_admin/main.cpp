@@ -4,10 +4,13 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <system_error>
 
 #include "access.h"
 #include "commands.h"
@@ -50,6 +53,15 @@ void addCommands(CLI::App& app, Call& call) {
   app.require_subcommand(1);
 }
 
+// Results that did not get to where they were sent make a failure of a success: a dump on a full disk is none.
+int writtenOut(int status) {
+  if (std::fflush(stdout) == 0) {
+    return status;
+  }
+  admin::complain("the output cannot be written: " + std::generic_category().message(errno));
+  return admin::kFailure;
+}
+
 int runProgram(int argc, char** argv) {
   CLI::App app("Makes, examines and repairs the configuration homes of the encryption agent.", "kezu-admin");
   Call call;
@@ -63,7 +75,7 @@ int runProgram(int argc, char** argv) {
   if (call.home.size() > 1 && call.home.back() == '/') {
     call.home.pop_back();
   }
-  return call.run(call);
+  return writtenOut(call.run(call));
 }
 
 }  // namespace
