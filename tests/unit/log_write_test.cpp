@@ -318,38 +318,6 @@ TEST_F(LogWriteTest, LinesOfSeveralProcessesStayWhole) {
   }
 }
 
-// The processes are let go at once, so that several of them find no folder.
-TEST_F(LogWriteTest, SeveralProcessesThatMakeTheFolderAtOnceLoseNoLine) {
-  constexpr int kRounds = 100;
-  constexpr int kProcesses = 4;
-  int lost = 0;
-  for (int round = 0; round < kRounds; ++round) {
-    logging::setLogDirectory(directory().string() + std::to_string(round));
-    int gate[2];
-    ASSERT_EQ(pipe(gate), 0);
-    std::vector<pid_t> children;
-    for (int p = 0; p < kProcesses; ++p) {
-      const pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        close(gate[1]);
-        char none = 0;
-        const bool open = read(gate[0], &none, 1) == 0;
-        _exit(open && log(2, {"n", "1"}) == 0 ? 0 : 1);
-      }
-      children.push_back(child);
-    }
-    close(gate[0]);
-    close(gate[1]);
-    for (const pid_t child : children) {
-      int status = -1;
-      ASSERT_EQ(waitpid(child, &status, 0), child);
-      lost += status == 0 ? 0 : 1;
-    }
-  }
-  EXPECT_EQ(lost, 0);
-}
-
 TEST_F(LogWriteTest, ProgramsThatTheServerStartsDoNotInheritTheFile) {
   ASSERT_EQ(log(2, {"n", "1"}), 0);
   int found = 0;
