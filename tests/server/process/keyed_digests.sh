@@ -39,7 +39,8 @@ sha_hmac() {
 
 # masked KEY NUMBER: a key of 32 bytes, filled to a block of 64 with zeros, every byte xor NUMBER.
 masked() {
-  local i block=$1$(repeat 32 00)
+  local i block
+  block=$1$(repeat 32 00)
   for ((i = 0; i < 128; i += 2)); do printf %02x $((0x${block:i:2} ^ $2)); done
 }
 
