@@ -49,10 +49,10 @@ class PrivilegeRows {
   // there.
   frame::Answer fieldAt(int index, int field) const {
     const Record* row = table_.at(index);
-    if (row == nullptr || field < 0) {
+    if (row == nullptr) {
       return frame::Answer::null();
     }
-    const auto position = static_cast<unsigned int>(field);
+    const auto position = static_cast<unsigned int>(field);  // a negative one is past every field
     if (position < kKeySize) {
       const std::string_view text = key_.text(*row, position);
       return frame::Answer::text(text.data(), text.size());
