@@ -31,7 +31,9 @@ extern "C" {
 
 void Q7_LockQueryPriv(Q7QueryPrivUse use) noexcept {
   EXPECT_EQ(readers, 0) << "a thread that reads the rule table may wait for itself";
-  if (writers > 0) {
+  if (readers > 0) {
+    ++readers;
+  } else if (writers > 0) {
     ++writers;
   } else if (use == Q7_QUERY_PRIV_READ) {
     rule_table.lock_shared();
@@ -44,8 +46,9 @@ void Q7_LockQueryPriv(Q7QueryPrivUse use) noexcept {
 
 void Q7_UnlockQueryPriv(Q7QueryPrivUse /*use*/) noexcept {
   if (readers > 0) {
-    readers = 0;
-    rule_table.unlock_shared();
+    if (--readers == 0) {
+      rule_table.unlock_shared();
+    }
   } else if (--writers == 0) {
     rule_table.unlock();
   }
