@@ -205,12 +205,9 @@ class KmsBadAnswerTest : public KmsTest, public ::testing::WithParamInterface<Ba
 TEST_P(KmsBadAnswerTest, IsRefused) {
   usePolicies();
   const Keys keys = somePolicies(5);
-  Peer& peer =
-      play(Script{.reply =
-                      [keys](const Wire& request) {
-                        return operationsOf(request).size() == 1 ? keys(request) : GetParam().make(keys, request);
-                      },
-                  .closeAfterReply = false});
+  Peer& peer = play(Script{.reply = [keys](const Wire& request) {
+    return operationsOf(request).size() == 1 ? keys(request) : GetParam().make(keys, request);
+  }});
   expectRefused(GetParam().words);
   EXPECT_EQ(3, peer.requests());
 }

@@ -231,10 +231,6 @@ TEST_F(KmsConnectionTest, KeyWithAPassword) {
 
 TEST_F(KmsConnectionTest, OldTls) {
   usePolicies();
-  Peer& peer = play(somePolicies(1));
-  (void)peer;
-  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
-  usePolicies();
   play(Script{.reply = somePolicies(1), .newestTls = TLS1_1_VERSION});
   expectRefused({"TLS failed"});
   play(Script{.reply = somePolicies(1), .newestTls = TLS1_2_VERSION});
