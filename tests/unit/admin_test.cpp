@@ -323,7 +323,7 @@ TEST_F(AdminTest, RootKeepsTheOwnerOfTheFiles) {
 
 TEST_F(AdminTest, WrongCallsReturn2) {
   for (const char* arguments :
-       {"", "nothing", "init", "init --home /x", "passwd", "status extra", "--wrong", "status --home"}) {
+       {"", "nothing", "init", "init --home /x", "passwd", "status extra", "--wrong", "status --home", "rekey extra"}) {
     const Outcome outcome = run(arguments);
     EXPECT_EQ(2, outcome.status) << arguments;
     EXPECT_NE("", outcome.err) << arguments;
@@ -333,13 +333,37 @@ TEST_F(AdminTest, WrongCallsReturn2) {
 }
 
 TEST_F(AdminTest, FailuresReturn1AndSayWhatToDo) {
-  for (const char* command : {"status", "verify", "dump", "passwd --password-file -"}) {
+  for (const char* command : {"status", "verify", "dump", "passwd --password-file -", "rekey"}) {
     const Outcome outcome = on(command, "x");
     EXPECT_EQ(1, outcome.status) << command;
     EXPECT_TRUE(has(outcome.err, home().string() + ": the configuration home does not exist")) << outcome.err;
     EXPECT_TRUE(has(outcome.err, "kezu-admin init"));
     EXPECT_EQ("", outcome.out);
   }
+}
+
+TEST_F(AdminTest, RekeyMakesANewMasterKey) {
+  ASSERT_EQ(0, init().status);
+  const std::string before = readText(home() / "master.key");
+  const Outcome made = on("rekey");
+  ASSERT_EQ(0, made.status) << made.err;
+  const std::string after = readText(home() / "master.key");
+  EXPECT_NE(before, after);
+  for (const char* part : {"new master key", "Restart every database server", "Back up"}) {
+    EXPECT_TRUE(has(made.out, part)) << made.out;
+  }
+  EXPECT_FALSE(has(made.out, after.substr(0, 20)));
+  EXPECT_EQ(0, on("verify").status);
+  EXPECT_EQ("first value", storedPassword());
+
+  // As it stands when it is cut short.
+  writeText(home() / "master.key", std::string(kOtherKeyText) + after);
+  EXPECT_EQ(0, on("verify").status);
+  const Outcome finished = on("rekey");
+  ASSERT_EQ(0, finished.status) << finished.err;
+  EXPECT_TRUE(has(finished.out, "cut short before is finished")) << finished.out;
+  EXPECT_EQ(kOtherKeyText, readText(home() / "master.key"));
+  EXPECT_EQ("first value", storedPassword());
 }
 
 TEST_F(AdminTest, OutputThatCannotBeWrittenIsAFailure) {

@@ -30,4 +30,7 @@ int dumpHome(const std::string& home);
 // Stores a new password value for "admin". Safe while servers use the home.
 int changePassword(const std::string& home, const std::string& passwordFile);
 
+// Makes a new master key and seals every table anew under it, or finishes a change that was cut short.
+int changeMasterKey(const std::string& home);
+
 }  // namespace admin

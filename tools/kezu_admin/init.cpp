@@ -92,15 +92,8 @@ Status writeMasterKey(const std::string& directory, cipher::SecretBytes& key) {
   if (!cipher::randomBytes(key)) {
     return Error{Error::Kind::system, "no random numbers: OpenSSL failed"};
   }
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  cipher::SecretBytes text;
-  text.reserve(2 * key.size() + 1);
-  for (const unsigned char byte : key) {
-    text.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
-    text.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
-  }
-  text.push_back('\n');
-  const auto written = store::writeFile(store::machineFiles(), directory + "/" + store::kMasterKeyFile, text);
+  const auto written =
+      store::writeFile(store::machineFiles(), directory + "/" + store::kMasterKeyFile, store::masterKeyText({key, {}}));
   return written.ok() ? Status() : Status(written.error());
 }
 

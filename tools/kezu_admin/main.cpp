@@ -50,6 +50,8 @@ void addCommands(CLI::App& app, Call& call) {
   addPasswordFile(*addCommand(app, call, "passwd", "change the password value of \"admin\"",
                               [](const Call& c) { return admin::changePassword(c.home, c.passwordFile); }),
                   call);
+  addCommand(app, call, "rekey", "make a new master key, and seal every table under it",
+             [](const Call& c) { return admin::changeMasterKey(c.home); });
   app.require_subcommand(1);
 }
 
