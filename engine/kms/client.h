@@ -18,6 +18,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,8 @@ class Client {
 
  private:
   Client(std::unique_ptr<Connection> connection, std::string objectGroup);
+
+  store::Result<std::vector<std::string>> find(const std::optional<std::string>& name, int limit);
 
   std::unique_ptr<Connection> connection_;
   std::string objectGroup_;

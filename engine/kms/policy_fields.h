@@ -28,8 +28,9 @@ inline constexpr std::size_t kMaxPolicyText = 160;  // bytes; the longest text t
 // The text of a policy. Holds neither its name nor its key. Empty for a record whose flag length is out of range.
 std::string policyText(const Q7EncPolicyInfo& policy);
 
-// Sets every field of `policy` but its name and its key from a text. The ranges are those of the policy's file. The
-// error's text is the reason alone, to follow the policy's name; `policy` may have changed then.
+// Sets every field of `policy` but its name and its key from a text. The ranges are those of the policy's file, and the
+// fields must go together as those of a policy that is added. The error's text is the reason alone, to follow the
+// policy's name; `policy` is unchanged then.
 store::Status readPolicyText(std::string_view text, Q7EncPolicyInfo& policy);
 
 // Sets the name of `policy`: 0 to 16 letters or digits, as kezu_conf_set_policy takes them.
@@ -38,7 +39,7 @@ store::Status setPolicyName(std::string_view name, Q7EncPolicyInfo& policy);
 // Sets the column key of `policy`: 1 to 64 bytes.
 store::Status setPolicyKey(std::span<const unsigned char> key, Q7EncPolicyInfo& policy);
 
-// An error when a policy whose fields are all set can't be used here: the checks of Q7_AddPolicyInfo().
+// An error when a policy can't be used here: the checks of Q7_AddPolicyInfo().
 store::Status checkPolicy(const Q7EncPolicyInfo& policy);
 
 }  // namespace engine::kms
