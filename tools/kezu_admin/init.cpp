@@ -33,7 +33,20 @@ constexpr const char* kSettingsText =
     "# The master key that seals the tables. It may be kept on another medium.\n"
     "# master_key = \"master.key\"\n"
     "# Folder of the audit log.\n"
-    "# log = \"log\"\n";
+    "# log = \"log\"\n"
+    "\n"
+    "# The key management server, for the modes that fetch policies from one. All but the first four have these values "
+    "by\n"
+    "# themselves; without object_group every active key is taken for a policy.\n"
+    "# [kms]\n"
+    "# host = \"kms.example\"\n"
+    "# ca = \"kms-ca.pem\"\n"
+    "# certificate = \"kms-client.pem\"\n"
+    "# key = \"kms-client.key\"\n"
+    "# port = 5696\n"
+    "# connect_timeout = 3\n"
+    "# read_timeout = 5\n"
+    "# object_group = \"orvanta\"\n";
 
 // A directory that is removed with all it holds when the scope ends, unless it was moved away.
 class Draft {
