@@ -90,6 +90,7 @@ void warn(const char* whose, const Certificate& certificate) {
 
 std::string shownVersions(const std::vector<kms::Version>& versions) {
   std::vector<std::string> texts;
+  texts.reserve(versions.size());
   for (const kms::Version& version : versions) {
     texts.push_back(fmt::format("{}.{}", version.major, version.minor));
   }
