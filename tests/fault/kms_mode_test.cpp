@@ -24,12 +24,15 @@ constexpr const char* kStartHere = "KEZU_TEST_START_HERE";
 
 // What a database server would see: the result of the start and the policies in use.
 std::string startAndDescribe() {
-  std::string text = fmt::format("start {} mode {}:", kezuInitialize(1, nullptr, nullptr), static_cast<int>(g_kmsMode));
+  const int started = kezuInitialize(1, nullptr, nullptr);
+  std::string text = fmt::format("start {} mode {}:", started, static_cast<int>(g_kmsMode));
   const int slot = g_encPolicyArray_flag;
   for (int i = 0; i < g_numberOfEncPolicy[slot]; ++i) {
     text += fmt::format(" {}/{}", g_encPolicyArray[slot][i].policyID, g_makeKeyArray[slot][i] != nullptr);
   }
-  return text + fmt::format("; again {} reload {}", kezuInitialize(1, nullptr, nullptr), Q7_ReloadAllInfoIfChanged());
+  const int again = kezuInitialize(1, nullptr, nullptr);
+  const int reloaded = Q7_ReloadAllInfoIfChanged();
+  return text + fmt::format("; again {} reload {}", again, reloaded);
 }
 
 // Takes the place of the tests in a process that startedOn() runs.

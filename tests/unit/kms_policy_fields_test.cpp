@@ -162,8 +162,8 @@ TEST(KmsPolicyFields, Names) {
     ASSERT_TRUE(setPolicyName(name, policy).ok()) << name;
     EXPECT_STREQ(name, policy.policyID);
   }
-  for (const std::string name : {std::string("SeventeenLetters1"), std::string("a_b"), std::string("a b"),
-                                 std::string("a\0b", 3), std::string("\xc3\xa4"), std::string(1000, 'a')}) {
+  for (const std::string& name : {std::string("SeventeenLetters1"), std::string("a_b"), std::string("a b"),
+                                  std::string("a\0b", 3), std::string("\xc3\xa4"), std::string(1000, 'a')}) {
     EXPECT_FALSE(setPolicyName(name, policy).ok()) << name;
     EXPECT_STREQ("Sixteen9Letters1", policy.policyID);
   }
