@@ -2,13 +2,13 @@
 #include "engine/store/home.h"
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 
 #include "engine/store/envelope.h"
+#include "engine/store/toml.h"
 
 namespace engine::store {
 namespace {
@@ -160,6 +160,8 @@ Result<Home> readSettings(FileSystem& files, const std::string& directory) {
     }
   } catch (const toml::parse_error& error) {
     return invalid(source, error.source(), std::string(error.description().substr(0, 100)));
+  } catch (const TomlFault&) {
+    return invalid(source, "is not valid TOML");
   }
   return home;
 }
