@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fuzz/udf_tables.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+
+#include "engine/store/store.h"
+#include "fuzz/fuzz_home.h"
+#include "fuzz/udf_input.h"
+#include "kezu/engine.h"
+#include "kezu/shared.h"
+#include "tests/unit/crypto_fixture.h"
+
+namespace fuzz {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uintmax_t kLargeLog = 1 << 20;  // bytes
+
+fs::path home;
+
+void writeFile(const fs::path& path, std::string_view text) {
+  std::ofstream(path, std::ios::binary) << text;
+  fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
+}
+
+void addPolicy(int slot, const test::PolicyParameters& parameters) {
+  const int place = g_numberOfEncPolicy[slot]++;
+  test::Data key = test::patternOf(32);
+  demand(Q7_AddPolicyInfo(g_encPolicyArray[slot][place], &g_makeKeyArray[slot][place], parameters.name.c_str(),
+                          parameters.algorithm, parameters.ivMode, key.data(), static_cast<unsigned int>(key.size()),
+                          parameters.encPos, parameters.encLen, parameters.blockMode, parameters.strMode,
+                          parameters.flag.c_str()) != 0,
+         "a policy can be made");
+}
+
+// Into the next slot, as every change of the policies goes.
+void resetPolicies() {
+  const int slot = (g_encPolicyArray_flag + 1) % kPolicySlots;
+  for (int i = 0; i < g_numberOfEncPolicy[slot]; ++i) {
+    BCIPHER_WipeKey(g_makeKeyArray[slot][i]);
+    BCIPHER_DelKey(g_makeKeyArray[slot][i]);
+    g_makeKeyArray[slot][i] = nullptr;
+  }
+  g_numberOfEncPolicy[slot] = 0;
+  addPolicy(slot, {.blockMode = test::CBC, .ivMode = test::DETERMINISTIC, .name = "cbcdet"});
+  addPolicy(slot, {test::AES256, test::GCM, test::RANDOM, test::BASE64, 2, 3, "#", {}, "gcmpart"});
+  addPolicy(slot, {.algorithm = test::ARIA128, .blockMode = test::ECB, .ivMode = test::DETERMINISTIC, .name = "ecb"});
+  addPolicy(slot, {.blockMode = test::SIV, .ivMode = test::DETERMINISTIC, .strMode = test::HEX, .name = "siv"});
+  addPolicy(slot, {.algorithm = test::HMAC_SHA256, .ivMode = test::DETERMINISTIC, .name = "hmac"});
+  g_encPolicyArray_flag = slot;
+}
+
+template <typename Record, std::size_t N>
+void clear(Record (&table)[N], int& count) {
+  for (int i = 0; i < count; ++i) {
+    table[i] = Record{};
+  }
+  count = 0;
+}
+
+void addColumn(const char* column, const char* policy) {
+  Q7EncColumnInfo& record = g_encColumnInfoArray[g_numberOfEncColumn++];
+  kezu::storeField(record.owner, "shop");
+  kezu::storeField(record.table, "customer");
+  kezu::storeField(record.column, column);
+  kezu::storeField(record.policyID, policy);
+}
+
+void resetAdministrators() {
+  clear(g_userInfo, g_numberOfUserInfo);
+  Q7UserInfo& admin = g_userInfo[g_numberOfUserInfo++];
+  kezu::storeField(admin.id, "admin");
+  kezu::storeField(admin.passwd, kPassword);
+  kezu::storeField(admin.sessionId, kSession);
+  admin.authTime = time(nullptr);
+}
+
+void emptyLargeLogs() {
+  std::error_code none;
+  for (const auto& file : fs::directory_iterator(home / "log", none)) {
+    if (file.is_regular_file() && file.file_size() > kLargeLog) {
+      fs::resize_file(file.path(), 0);
+    }
+  }
+}
+
+}  // namespace
+
+void makeHome() {
+  const fs::path memory = "/dev/shm";
+  struct stat status = {};
+  const bool inMemory = stat(memory.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  std::string name = ((inMemory ? memory : fs::temp_directory_path()) / "kezu-fuzz-XXXXXX").string();
+  demand(mkdtemp(name.data()) != nullptr, "a folder can be made");
+  home = name;
+  std::atexit([] {
+    std::error_code none;
+    fs::remove_all(home, none);
+  });
+  writeFile(home / "kezu.toml", "");
+  writeFile(home / "master.key", kMasterKeyText);
+  resetTables();
+  for (const engine::store::Table* table : engine::store::allTables()) {
+    demand(engine::store::createTableFile(engine::store::machineFiles(), home, *table, tableKeys(*table)).ok(),
+           "a table's file can be made");
+  }
+  setenv("KEZU_HOME", home.c_str(), 1);
+}
+
+void resetTables() {
+  resetPolicies();
+  resetAdministrators();
+  clear(g_encColumnInfoArray, g_numberOfEncColumn);
+  addColumn("name", "cbcdet");
+  addColumn("phone", "gcmpart");
+  clear(g_accessPrivArray, g_numberOfAccessPriv);
+  clear(g_encPrivArray, g_numberOfEncPriv);
+  clear(g_tableInfo, g_numberOftableInfo);
+  clear(g_queryPriv, g_numberOfQueryPriv);
+  g_logInfo = {};
+  g_accessControlMode = Q7_ACCESS_ALLOW_PRIOR;
+  g_decryptDenyMode = Q7_DECRYPT_DENY_ERROR;
+  g_doubleEncryptMode = kDoubleEncryptError;
+  g_kmsMode = Q7_NO_KMS_MODE;
+  emptyLargeLogs();
+}
+
+}  // namespace fuzz

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The engine on a home of its own, with tables that are the same at the start of every input.
+#pragma once
+
+namespace fuzz {
+
+// Makes a home in memory where the system has room there, else in the folder for temporary files, to be removed at the
+// end of the program, and has KEZU_HOME name it.
+void makeHome();
+
+// Sets every table back: an administrator who is logged in, a few policies and columns. Empties the log when it is
+// large.
+void resetTables();
+
+}  // namespace fuzz
