@@ -12,6 +12,7 @@ namespace fuzz {
 // Ends the program unless `holds`, so that libFuzzer keeps the input. `promise` is what did not hold.
 inline void demand(bool holds, const char* promise) {
   if (!holds) {
+    __sanitizer_report_error_summary("BROKEN:");
     __sanitizer_report_error_summary(promise);
     std::abort();
   }

@@ -44,7 +44,7 @@ class OneFile : public engine::store::FileSystem {
 };
 
 bool usablePath(const std::string& path) {
-  return path.size() > 1 && path.front() == '/' && path.find('\0') == std::string::npos;
+  return path.starts_with('/') && path.find('\0') == std::string::npos;
 }
 
 }  // namespace
