@@ -192,8 +192,9 @@ Statement asAdmin(unsigned function) {
   return Statement(function).session();
 }
 
-void writeStatements(const fs::path& folder, const char* name, std::initializer_list<Statement> statements) {
-  Data input;
+void writeStatements(const fs::path& folder, const char* name, std::initializer_list<Statement> statements,
+                     unsigned start = 0) {
+  Data input{static_cast<unsigned char>(start)};
   for (const Statement& statement : statements) {
     const Data bytes = statement.bytes();
     input.insert(input.end(), bytes.begin(), bytes.end());
@@ -205,7 +206,8 @@ void writeLogins(const fs::path& folder) {
   writeStatements(
       folder, "login",
       {of(kezu_conf_get_session_id).text("admin"), of(kezu_conf_get_auth).lastResult().text(std::string(64, 'a')),
-       of(kezu_conf_get_auth).session(), of(kezu_conf_check_session_auth).session()});
+       of(kezu_conf_get_auth).session(), of(kezu_conf_check_session_auth).session()},
+      fuzz::kExpired);
   writeStatements(folder, "passwd", {asAdmin(kezu_conf_set_passwd).text("nonsense")});
   writeStatements(folder, "env",
                   {asAdmin(kezu_conf_set_env).number(0).number(1), asAdmin(kezu_conf_get_env).number(0)});
@@ -276,7 +278,8 @@ void writeValueFunctions(const fs::path& folder) {
                      of(data_process_po_ed).text(policy).number(0).lastResult(),
                      of(data_process_ed_check_int).text(policy).lastResult(),
                      of(data_process_ed_check_str).text(policy).lastResult(),
-                     of(data_process_po_ed).text(policy).number(1).lastResult()});
+                     of(data_process_po_ed).text(policy).number(1).lastResult()},
+                    fuzz::kAudited);
   }
   writeStatements(
       folder, "size",

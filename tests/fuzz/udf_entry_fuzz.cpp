@@ -189,9 +189,9 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  fuzz::resetTables();
-  last_text.clear();
   fuzz::Input input({data, size});
+  fuzz::resetTables(input.byte());
+  last_text.clear();
   while (!input.empty()) {
     runStatement(input);
   }

@@ -2,6 +2,7 @@
 //
 // How statements stand in an input: what the fuzz program reads, and the corpus maker writes.
 //
+//   start      1 byte: bits of Start
 //   statement  1 byte function, 1 byte number of arguments, 1 byte rows; the kind and the value of each argument; then,
 //              for each further row, a value for each argument that is no constant
 //   kind       bits 0 to 2: 0 to 3 text, 4 and 5 integer, 6 real, 7 decimal; bit 3: constant
@@ -9,7 +10,7 @@
 //              the last string function gave
 //   number     1 byte: 0 NULL, 1 to 254 that many less kZero, 255: 8 bytes follow
 //
-// Statements follow one another to the end of the input. Every number is taken modulo what there is of it.
+// Behind the start, statements follow one another to the end. Every number is taken modulo what there is of it.
 #pragma once
 
 #include <iterator>
@@ -23,7 +24,17 @@ inline constexpr int kZero = 16;  // stands for the integer 0
 
 enum Kind : unsigned { kText = 0, kInteger = 4, kReal = 6, kDecimal = 7, kConstant = 8 };
 
-// A session that is logged in, and what the tables of the home hold.
+// How the tables stand at the start.
+enum Start : unsigned {
+  kNoColumns = 1,
+  kNoPolicies = 2,
+  kFromKeyServer = 4,  // Q7_CACHED_KMS_MODE
+  kExpired = 8,        // the session has run out
+  kPassOn = 16,        // encrypted values are passed on
+  kAudited = 32,       // every kind of use is audited
+};
+
+// The session, and what the tables of the home hold.
 inline constexpr std::string_view kSession = "00112233445566778899aabbccddeeff0123456789abcdef0123456789abcdef";
 inline constexpr std::string_view kPassword = "the value";
 

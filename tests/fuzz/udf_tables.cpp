@@ -39,8 +39,16 @@ void addPolicy(int slot, const test::PolicyParameters& parameters) {
          "a policy can be made");
 }
 
+void addPolicies(int slot) {
+  addPolicy(slot, {.blockMode = test::CBC, .ivMode = test::DETERMINISTIC, .name = "cbcdet"});
+  addPolicy(slot, {test::AES256, test::GCM, test::RANDOM, test::BASE64, 2, 3, "#", {}, "gcmpart"});
+  addPolicy(slot, {.algorithm = test::ARIA128, .blockMode = test::ECB, .ivMode = test::DETERMINISTIC, .name = "ecb"});
+  addPolicy(slot, {.blockMode = test::SIV, .ivMode = test::DETERMINISTIC, .strMode = test::HEX, .name = "siv"});
+  addPolicy(slot, {.algorithm = test::HMAC_SHA256, .ivMode = test::DETERMINISTIC, .name = "hmac"});
+}
+
 // Into the next slot, as every change of the policies goes.
-void resetPolicies() {
+void resetPolicies(bool some) {
   const int slot = (g_encPolicyArray_flag + 1) % kPolicySlots;
   for (int i = 0; i < g_numberOfEncPolicy[slot]; ++i) {
     BCIPHER_WipeKey(g_makeKeyArray[slot][i]);
@@ -48,11 +56,9 @@ void resetPolicies() {
     g_makeKeyArray[slot][i] = nullptr;
   }
   g_numberOfEncPolicy[slot] = 0;
-  addPolicy(slot, {.blockMode = test::CBC, .ivMode = test::DETERMINISTIC, .name = "cbcdet"});
-  addPolicy(slot, {test::AES256, test::GCM, test::RANDOM, test::BASE64, 2, 3, "#", {}, "gcmpart"});
-  addPolicy(slot, {.algorithm = test::ARIA128, .blockMode = test::ECB, .ivMode = test::DETERMINISTIC, .name = "ecb"});
-  addPolicy(slot, {.blockMode = test::SIV, .ivMode = test::DETERMINISTIC, .strMode = test::HEX, .name = "siv"});
-  addPolicy(slot, {.algorithm = test::HMAC_SHA256, .ivMode = test::DETERMINISTIC, .name = "hmac"});
+  if (some) {
+    addPolicies(slot);
+  }
   g_encPolicyArray_flag = slot;
 }
 
@@ -72,13 +78,13 @@ void addColumn(const char* column, const char* policy) {
   kezu::storeField(record.policyID, policy);
 }
 
-void resetAdministrators() {
+void resetAdministrators(bool expired) {
   clear(g_userInfo, g_numberOfUserInfo);
   Q7UserInfo& admin = g_userInfo[g_numberOfUserInfo++];
   kezu::storeField(admin.id, "admin");
   kezu::storeField(admin.passwd, kPassword);
   kezu::storeField(admin.sessionId, kSession);
-  admin.authTime = time(nullptr);
+  admin.authTime = expired ? 1 : time(nullptr);
 }
 
 void emptyLargeLogs() {
@@ -105,7 +111,7 @@ void makeHome() {
   });
   writeFile(home / "kezu.toml", "");
   writeFile(home / "master.key", kMasterKeyText);
-  resetTables();
+  resetTables(0);
   for (const engine::store::Table* table : engine::store::allTables()) {
     demand(engine::store::createTableFile(engine::store::machineFiles(), home, *table, tableKeys(*table)).ok(),
            "a table's file can be made");
@@ -113,21 +119,23 @@ void makeHome() {
   setenv("KEZU_HOME", home.c_str(), 1);
 }
 
-void resetTables() {
-  resetPolicies();
-  resetAdministrators();
+void resetTables(unsigned start) {
+  resetPolicies((start & kNoPolicies) == 0);
+  resetAdministrators((start & kExpired) != 0);
   clear(g_encColumnInfoArray, g_numberOfEncColumn);
-  addColumn("name", "cbcdet");
-  addColumn("phone", "gcmpart");
+  if ((start & kNoColumns) == 0) {
+    addColumn("name", "cbcdet");
+    addColumn("phone", "gcmpart");
+  }
   clear(g_accessPrivArray, g_numberOfAccessPriv);
   clear(g_encPrivArray, g_numberOfEncPriv);
   clear(g_tableInfo, g_numberOftableInfo);
   clear(g_queryPriv, g_numberOfQueryPriv);
-  g_logInfo = {};
+  g_logInfo = (start & kAudited) != 0 ? Q7LogInfo{1, 1, 1, 1, 1} : Q7LogInfo{};
   g_accessControlMode = Q7_ACCESS_ALLOW_PRIOR;
   g_decryptDenyMode = Q7_DECRYPT_DENY_ERROR;
-  g_doubleEncryptMode = kDoubleEncryptError;
-  g_kmsMode = Q7_NO_KMS_MODE;
+  g_doubleEncryptMode = (start & kPassOn) != 0 ? kDoubleEncryptPass : kDoubleEncryptError;
+  g_kmsMode = (start & kFromKeyServer) != 0 ? Q7_CACHED_KMS_MODE : Q7_NO_KMS_MODE;
   emptyLargeLogs();
 }
 

@@ -9,8 +9,8 @@ namespace fuzz {
 // end of the program, and has KEZU_HOME name it.
 void makeHome();
 
-// Sets every table back: an administrator who is logged in, a few policies and columns. Empties the log when it is
-// large.
-void resetTables();
+// Sets every table back: an administrator who is logged in, a few policies and columns, but for what `start` (bits of
+// Start) says. Empties the log when it is large.
+void resetTables(unsigned start);
 
 }  // namespace fuzz
