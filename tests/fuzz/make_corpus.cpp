@@ -225,10 +225,13 @@ void writePolicies(const fs::path& folder) {
        asAdmin(kezu_conf_get_policy), asAdmin(kezu_conf_get_policy).number(1).number(2),
        asAdmin(kezu_conf_get_policy).text("p1").number(3), of(kezu_conf_get_policy),
        asAdmin(kezu_conf_set_policy).text("p1")});
-  writeStatements(
-      folder, "kms",
-      {asAdmin(kezu_conf_set_kms_mode).number(2), asAdmin(kezu_conf_get_kms_mode),
-       asAdmin(kezu_conf_get_policy_for_kms), of(kezu_conf_get_policy_for_kms), asAdmin(kezu_conf_set_policy)});
+  writeStatements(folder, "kms",
+                  {asAdmin(kezu_conf_set_kms_mode).number(2), asAdmin(kezu_conf_get_kms_mode),
+                   asAdmin(kezu_conf_get_policy_for_kms), of(kezu_conf_get_policy_for_kms),
+                   asAdmin(kezu_conf_set_policy), asAdmin(kezu_conf_set_kms_mode).number(0)},
+                  fuzz::kNoColumns | fuzz::kNoPolicies);
+  writeStatements(folder, "kms_policies", {asAdmin(kezu_conf_get_policy_for_kms), asAdmin(kezu_conf_set_policy)},
+                  fuzz::kFromKeyServer);
   writeStatements(
       folder, "column",
       {asAdmin(kezu_conf_set_column).text("shop").text("customer").text("email").text("siv"),
@@ -281,10 +284,10 @@ void writeValueFunctions(const fs::path& folder) {
                      of(data_process_po_ed).text(policy).number(1).lastResult()},
                     fuzz::kAudited);
   }
-  writeStatements(
-      folder, "size",
-      {of(getcolumnsizebyotc_kezu).text("shop").text("customer").text("name").number(20),
-       of(getcolumnsizebyotc_kezu).text("shop").text("customer").text("phone").number(-1), of(reload_kezu)});
+  writeStatements(folder, "size",
+                  {of(getcolumnsizebyotc_kezu).text("shop").text("customer").text("name").number(20),
+                   of(getcolumnsizebyotc_kezu).text("shop").text("customer").text("phone").number(-1),
+                   of(getcolumnsizebyotc_kezu).text("shop").text("customer").text("name").number(-2), of(reload_kezu)});
 }
 
 void writeCorpus(const fs::path& corpus) {
