@@ -208,6 +208,9 @@ void writeLogins(const fs::path& folder) {
       {of(kezu_conf_get_session_id).text("admin"), of(kezu_conf_get_auth).lastResult().text(std::string(64, 'a')),
        of(kezu_conf_get_auth).session(), of(kezu_conf_check_session_auth).session()},
       fuzz::kExpired);
+  writeStatements(folder, "refresh",
+                  {of(kezu_conf_get_auth).session(), of(kezu_conf_check_session_auth).session(),
+                   of(kezu_conf_get_auth).session().text("nonsense")});
   writeStatements(folder, "passwd", {asAdmin(kezu_conf_set_passwd).text("nonsense")});
   writeStatements(folder, "env",
                   {asAdmin(kezu_conf_set_env).number(0).number(1), asAdmin(kezu_conf_get_env).number(0)});
@@ -223,7 +226,7 @@ void writePolicies(const fs::path& folder) {
       folder, "policy",
       {asAdmin(kezu_conf_set_policy).text("p1").number(2).number(1).number(0).number(0).number(5).number(1).text("#"),
        asAdmin(kezu_conf_get_policy), asAdmin(kezu_conf_get_policy).number(1).number(2),
-       asAdmin(kezu_conf_get_policy).text("p1").number(3), of(kezu_conf_get_policy),
+       asAdmin(kezu_conf_get_policy).text("p1").number(8), of(kezu_conf_get_policy),
        asAdmin(kezu_conf_set_policy).text("p1")});
   writeStatements(folder, "kms",
                   {asAdmin(kezu_conf_set_kms_mode).number(2), asAdmin(kezu_conf_get_kms_mode),

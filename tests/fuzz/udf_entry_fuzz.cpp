@@ -173,7 +173,7 @@ void runStatement(fuzz::Input& input) {
     demand(std::memchr(message.get(), '\0', kMessageSize) != nullptr, "a message ends");
     return;
   }
-  for (unsigned i = 0; i < rows && callRow(function, init, values.row()); ++i) {
+  for (unsigned left = rows; callRow(function, init, values.row()) && --left != 0;) {
     values.next();
   }
   if (function.deinit != nullptr) {
