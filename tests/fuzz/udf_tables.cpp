@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fuzz/udf_tables.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstring>
+#include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +24,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::uintmax_t kLargeLog = 1 << 20;  // bytes
+
+const std::string kHomePrefix = "kezu-fuzz-";  // a process number follows
 
 fs::path home;
 
@@ -96,15 +101,26 @@ void emptyLargeLogs() {
   }
 }
 
+// Removes the homes of programs that ended with a finding.
+void removeAbandoned(const fs::path& parent) {
+  for (const auto& entry : fs::directory_iterator(parent)) {
+    const std::string name = entry.path().filename();
+    if (name.starts_with(kHomePrefix) && kill(std::atoi(name.c_str() + kHomePrefix.size()), 0) != 0 && errno == ESRCH) {
+      std::error_code none;
+      fs::remove_all(entry.path(), none);
+    }
+  }
+}
+
 }  // namespace
 
 void makeHome() {
   const fs::path memory = "/dev/shm";
-  struct stat status = {};
-  const bool inMemory = stat(memory.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-  std::string name = ((inMemory ? memory : fs::temp_directory_path()) / "kezu-fuzz-XXXXXX").string();
-  demand(mkdtemp(name.data()) != nullptr, "a folder can be made");
-  home = name;
+  std::error_code none;
+  const fs::path parent = fs::is_directory(memory, none) ? memory : fs::temp_directory_path();
+  removeAbandoned(parent);
+  home = parent / (kHomePrefix + std::to_string(getpid()));
+  demand(mkdir(home.c_str(), S_IRWXU) == 0, "a folder can be made");
   std::atexit([] {
     std::error_code none;
     fs::remove_all(home, none);

@@ -5,8 +5,8 @@
 
 namespace fuzz {
 
-// Makes a home in memory where the system has room there, else in the folder for temporary files, to be removed at the
-// end of the program, and has KEZU_HOME name it.
+// Makes a home in memory where the system has a folder there, else in the one for temporary files, and has KEZU_HOME
+// name it. It is removed at the end of the program, or by the next one where that was a finding.
 void makeHome();
 
 // Sets every table back: an administrator who is logged in, a few policies and columns, but for what `start` (bits of
