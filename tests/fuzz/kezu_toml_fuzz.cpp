@@ -47,6 +47,16 @@ bool usablePath(const std::string& path) {
   return path.starts_with('/') && path.find('\0') == std::string::npos;
 }
 
+void checkKms(const engine::store::KmsSettings& kms) {
+  using namespace engine::store;
+  fuzz::demand(!kms.host.empty() && kms.port >= 1 && kms.port <= 65535, "a key server has a name and a port");
+  fuzz::demand(usablePath(kms.ca) && usablePath(kms.certificate) && usablePath(kms.key), "paths are absolute");
+  for (const auto timeout : {kms.connectTimeout, kms.readTimeout}) {
+    fuzz::demand(timeout >= kKmsShortestTimeout && timeout <= kKmsLongestTimeout, "timeouts are within their range");
+  }
+  fuzz::demand(kms.objectGroup.size() <= kKmsMaxObjectGroup, "an object group is no longer than it may be");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
@@ -55,6 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   if (home.ok()) {
     fuzz::demand(home.value().directory == "/home", "the home stays the home");
     fuzz::demand(usablePath(home.value().masterKey) && usablePath(home.value().log), "paths are absolute");
+    if (home.value().kms) {
+      checkKms(*home.value().kms);
+    }
   } else {
     fuzz::demand(home.error().text.find("kezu.toml") != std::string::npos, "an error names the file");
   }
