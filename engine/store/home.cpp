@@ -181,6 +181,8 @@ Result<Home> readSettings(FileSystem& files, const std::string& directory) {
     }
   } catch (const toml::parse_error& error) {
     return invalidSetting(source, error.source(), std::string(error.description().substr(0, 100)));
+  } catch (const TomlFault&) {
+    return invalid(source, "is not valid TOML");
   }
   return home;
 }
