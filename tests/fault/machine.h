@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The file system that everything in this program works on, the exported operations too: the machine's, unless a test
+// has put another in its place.
+#pragma once
+
+#include "engine/store/files.h"
+
+namespace fault {
+
+// Puts `files` in the machine's place until the end of the scope. For operations that begin after that.
+class InPlaceOfMachine {
+ public:
+  explicit InPlaceOfMachine(engine::store::FileSystem& files) noexcept;
+  InPlaceOfMachine(const InPlaceOfMachine&) = delete;
+  InPlaceOfMachine& operator=(const InPlaceOfMachine&) = delete;
+  ~InPlaceOfMachine();
+};
+
+}  // namespace fault
