@@ -2,13 +2,14 @@
 #include "engine/store/home.h"
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "engine/store/envelope.h"
+#include "engine/store/toml.h"
 
 namespace engine::store {
 namespace {
@@ -160,6 +161,8 @@ Result<Home> readSettings(FileSystem& files, const std::string& directory) {
     }
   } catch (const toml::parse_error& error) {
     return invalid(source, error.source(), std::string(error.description().substr(0, 100)));
+  } catch (const std::invalid_argument&) {
+    return invalid(source, "is not in the form of settings (TOML)");
   }
   return home;
 }

@@ -200,7 +200,7 @@ TEST_F(DamageTest, AChangeOfTheSettingsNeverLeadsToOtherTables) {
     const auto settings = engine::store::openHome(engine::store::machineFiles(), home());
     if (!settings.ok()) {
       ++refused;
-      ASSERT_NE(std::string::npos, settings.error().text.find(path.string() + ": line")) << settings.error().text;
+      ASSERT_NE(std::string::npos, settings.error().text.find(path.string() + ": ")) << settings.error().text;
       return;
     }
     auto opened = Store::open(engine::store::machineFiles(), settings.value());

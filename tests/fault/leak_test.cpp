@@ -3,7 +3,7 @@
 // What calls leave behind in memory: nothing.
 //
 // KEZU_TEST_CALLS and KEZU_TEST_SAVES in the environment say how often each function is called: one that only reads,
-// and one that saves a table, where every call waits for the disk.
+// and one that saves a table, where every call writes a file.
 #include <malloc.h>
 
 #include <cstdlib>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fault/engine_fixture.h"
+#include "fault/machine.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -27,10 +28,10 @@ struct Use {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr long kCalls = 1'000;
-constexpr long kSaves = 5;
+constexpr long kSaves = 20;
 #else
 constexpr long kCalls = 20'000;
-constexpr long kSaves = 10;
+constexpr long kSaves = 200;
 #endif
 
 long envNumber(const char* name, long otherwise) {
@@ -140,6 +141,8 @@ TEST_F(LeakTest, CallsLeaveMemoryAsItWas) {
   const long reading = envNumber("KEZU_TEST_CALLS", kCalls);
   const long saving = envNumber("KEZU_TEST_SAVES", kSaves);
   EXPECT_EQ(0, store_test::inChild([&] {
+              UnsyncedFiles files;
+              const InPlaceOfMachine place(files);
               startWithSession(home());
               SqlArguments policy = createPolicy("p", 2, 1, 5);
               EXPECT_EQ(1, row(kezu_conf_set_policy, policy));

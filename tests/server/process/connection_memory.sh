@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# A thousand connections that open, use every function that keeps something for its thread, and close again leave the
+# Thousands of connections that open, use every function that keeps something for its thread, and close again leave the
 # server's memory as it was.
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
@@ -34,10 +34,11 @@ memory() {
   awk '/^VmRSS/ { print $2 }' "/proc/${private_server_pid[$server]}/status"
 }
 
-connections 500
-before=$(memory)
 connections 1000
+before=$(memory)
+connections 3000
 after=$(memory)
-echo "resident memory: $before KiB after 500 connections, $after KiB after 1000 more"
-# Each connection used some 50 KiB for its thread. What a server's allocator needs more or less is below 1 MiB.
-[ $((after - before)) -lt 1024 ] || fail "the connections left $((after - before)) KiB behind"
+echo "resident memory: $before KiB after 1000 connections, $after KiB after 3000 more"
+# Each connection used some 50 KiB for its thread. The server's own allocator may need a little more than before; 250 bytes a
+# connection are too much.
+[ $((after - before)) -lt 700 ] || fail "the connections left $((after - before)) KiB behind"
