@@ -31,7 +31,7 @@ constexpr long kCalls = 1'000;
 constexpr long kSaves = 20;
 #else
 constexpr long kCalls = 20'000;
-constexpr long kSaves = 200;
+constexpr long kSaves = 80;
 #endif
 
 long envNumber(const char* name, long otherwise) {

@@ -84,7 +84,10 @@ std::vector<Mapping> readableMappings(pid_t process) {
   for (std::string line; std::getline(maps, line);) {
     Mapping mapping;
     char readable = '-';
-    if (std::sscanf(line.c_str(), "%lx-%lx %c", &mapping.begin, &mapping.end, &readable) == 3 && readable == 'r') {
+    const bool known = std::sscanf(line.c_str(), "%lx-%lx %c", &mapping.begin, &mapping.end, &readable) == 3;
+    // The sanitizers' shadow has terabytes, and copies of nothing.
+    constexpr std::uint64_t kLargest = std::uint64_t{1} << 31;
+    if (known && readable == 'r' && mapping.end - mapping.begin < kLargest) {
       mapping.description = line;
       mappings.push_back(mapping);
     }

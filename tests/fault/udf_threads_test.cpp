@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 using store_test::inChild;
 
 constexpr int kThreads = 8;
-constexpr int kRounds = 60;  // of the administrator, unless KEZU_TEST_ROUNDS of the environment says otherwise
+constexpr int kRounds = 20;  // of the administrator, unless KEZU_TEST_ROUNDS of the environment says otherwise
 constexpr std::string_view kValue = "4111-1111-1111-1111";
 constexpr const char* kAlgorithms[] = {"SHA1", "SHA256", "SHA512", "HAS160"};
 
