@@ -247,7 +247,8 @@ TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
     SqlArguments other = createPolicy("other", 2, 1, kGcm);
     EXPECT_EQ(1, row(kezu_conf_set_policy, other));
     for (int i = 0; i < kPolicySlots; ++i) {
-      SqlArguments more = createPolicy("p" + std::to_string(i), 2, 1, kGcm);
+      const std::string name = "p" + std::to_string(i);
+      SqlArguments more = createPolicy(name, 2, 1, kGcm);
       EXPECT_EQ(1, row(kezu_conf_set_policy, more));
     }
     use("other");

@@ -25,12 +25,16 @@ class SqlArguments {
   SqlArguments& number(long long value) {
     types_[count_] = INT_RESULT;
     numbers_[count_] = value;
-    values_[count_] = reinterpret_cast<char*>(&numbers_[count_]);
     lengths_[count_++] = sizeof value;
     return *this;
   }
 
   UDF_ARGS get() {
+    for (unsigned int i = 0; i < count_; ++i) {
+      if (types_[i] == INT_RESULT) {
+        values_[i] = reinterpret_cast<char*>(&numbers_[i]);
+      }
+    }
     UDF_ARGS args = {};
     args.arg_count = count_;
     args.arg_type = types_.data();
