@@ -29,6 +29,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "cipher/hidden_memory.h"
+
 namespace cipher {
 namespace {
 
@@ -263,8 +265,9 @@ class SlotStore {
   }
 
   bool addChunk() noexcept {
-    auto* chunk = new (std::nothrow) Chunk;
-    if (chunk == nullptr) return false;
+    void* const memory = allocateHidden(sizeof(Chunk));
+    if (memory == nullptr) return false;
+    auto* chunk = new (memory) Chunk;
     chunk->next = chunks_;
     chunks_ = chunk;
     for (KeySlot& slot : chunk->slots) addFree(slot);

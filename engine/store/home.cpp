@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "engine/store/envelope.h"
 #include "engine/store/toml_values.h"

@@ -2,7 +2,9 @@
 #include "engine/store/store.h"
 
 #include <cerrno>
+#include <new>
 
+#include "cipher/hidden_memory.h"
 #include "kezu/shared.h"
 
 namespace engine::store {
@@ -73,6 +75,15 @@ Result<TableImage> openTableFile(FileSystem& files, const std::string& path, con
   }
   std::string check = fileCheckString(payload.value(), keys.current);
   return TableImage{std::move(payload.value()), identityOf(image.value().status), std::move(check)};
+}
+
+void* Store::operator new(std::size_t size) {
+  void* memory = cipher::allocateHidden(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+void Store::operator delete(void* memory, std::size_t size) noexcept {
+  cipher::freeHidden(memory, size);
 }
 
 Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {
@@ -176,11 +187,6 @@ Status Store::reload(const std::vector<Entry*>& entries) {
     all.push_back(std::move(staged.value()));
   }
   for (Staged& staged : all) {
-    Entry& entry = *staged.entry;
-    const bool first = entry.memoryCheck.empty();
-    entry.overtaken = !first && fileCheckString(entry.table->capture(), entry.keys.current) != entry.memoryCheck;
-  }
-  for (Staged& staged : all) {
     publish(staged);
   }
   return {};
@@ -190,28 +196,24 @@ void Store::publish(Staged& staged) noexcept {
   Entry& entry = *staged.entry;
   staged.table->publish();
   entry.identity = staged.identity;
-  entry.memoryCheck = std::move(staged.checkString);
+  entry.checkString = std::move(staged.checkString);
+  ++entry.loads;
   show(entry);
 }
 
 void Store::show(const Entry& entry) noexcept {
   if (auto* shown = entry.table->checkString()) {
-    kezu::storeField(*shown, entry.memoryCheck);
+    kezu::storeField(*shown, entry.checkString);
   }
 }
 
-void Store::acceptMemory(TableId id) {
+Status Store::save(TableId id, std::uint64_t loadsBefore) {
   Entry& mine = entry(id);
-  mine.memoryCheck = fileCheckString(mine.table->capture(), mine.keys.current);
-}
-
-Status Store::save(TableId id) {
-  Entry& mine = entry(id);
-  const cipher::SecretBytes payload = mine.table->capture();
-  mine.memoryCheck = fileCheckString(payload, mine.keys.current);
-  if (std::exchange(mine.overtaken, false)) {
+  if (loadsBefore != mine.loads) {
+    mine.identity = {};
     return conflict(path(mine));
   }
+  const cipher::SecretBytes payload = mine.table->capture();
   if (Status status = mine.table->check(payload); !status.ok()) {
     return at(path(mine),
               {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
@@ -222,6 +224,7 @@ Status Store::save(TableId id) {
 Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   const std::string target = path(entry);
   const std::string fresh = target + ".tmp";
+  std::string check = fileCheckString(payload, entry.keys.current);
   const auto lock = FileLock::acquire(files_, home_.file(kLockFile));
   if (!lock.ok()) {
     return lock.error();
@@ -247,6 +250,7 @@ Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   }
   // The new version is in place, also where the sync fails.
   entry.identity = written.value();
+  entry.checkString = std::move(check);
   show(entry);
   return syncDirectory(files_, home_.directory);
 }
