@@ -42,16 +42,22 @@ struct KeyData {
 static_assert(std::is_trivially_copyable_v<KeyData> && sizeof(KeyData) % sizeof(std::uint64_t) == 0);
 
 constexpr std::size_t kDataWords = sizeof(KeyData) / sizeof(std::uint64_t);
-constexpr std::size_t kBindingSizeWord = offsetof(KeyData, bindingSize) / sizeof(std::uint64_t);
-constexpr std::size_t kBindingWord = offsetof(KeyData, binding) / sizeof(std::uint64_t);
-constexpr std::size_t kBindingWords = kMaxBindingSize / sizeof(std::uint64_t);
-static_assert(offsetof(KeyData, binding) % sizeof(std::uint64_t) == 0 && kMaxBindingSize % sizeof(std::uint64_t) == 0);
 
 }  // namespace
 
-// A prepared key, with the generation of the slot that it was prepared from.
+// A prepared key, with the generation of the slot that it was prepared from and what the slot was bound to.
 struct PooledKey {
-  std::uint64_t generation;
+  PooledKey(std::uint64_t preparedFrom, const KeyData& data) noexcept
+      : generation(preparedFrom), bindingSize(data.bindingSize), key(*data.suite, data.material) {
+    std::copy_n(data.binding, bindingSize, binding);
+  }
+  PooledKey(const PooledKey&) = delete;
+  PooledKey& operator=(const PooledKey&) = delete;
+  ~PooledKey() { OPENSSL_cleanse(binding, sizeof binding); }
+
+  const std::uint64_t generation;
+  const std::size_t bindingSize;
+  alignas(std::max_align_t) unsigned char binding[kMaxBindingSize];
   PreparedKey key;
 };
 
@@ -89,7 +95,7 @@ class KeySlot : public _BCipherKey {
   void read(KeyData& data) const noexcept;
 
   // For any thread, without a lock.
-  PooledKey* take(Bytes binding) noexcept;
+  PooledKey* take() noexcept;
   bool giveBack(PooledKey* pooled) noexcept;
 
   // The store's.
@@ -97,7 +103,6 @@ class KeySlot : public _BCipherKey {
   bool given = false;       // a caller owns the handle
 
  private:
-  [[nodiscard]] bool boundTo(Bytes binding) const noexcept;
   PooledKey* takePooled(std::uint64_t generation) noexcept;
   [[nodiscard]] PooledKey* prepare(std::uint64_t generation) const noexcept;
   PoolEntry* pool() noexcept;
@@ -137,20 +142,9 @@ void KeySlot::read(KeyData& data) const noexcept {
   OPENSSL_cleanse(words, sizeof words);
 }
 
-bool KeySlot::boundTo(Bytes binding) const noexcept {
-  if (binding.size() > kMaxBindingSize) return false;
-  std::uint64_t differences = words_[kBindingSizeWord].load(std::memory_order_acquire) ^ binding.size();
-  for (std::size_t at = 0; at < binding.size(); at += sizeof(std::uint64_t)) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, binding.data() + at, std::min(sizeof word, binding.size() - at));
-    differences |= word ^ words_[kBindingWord + at / sizeof word].load(std::memory_order_acquire);
-  }
-  return differences == 0;
-}
-
-PooledKey* KeySlot::take(Bytes binding) noexcept {
+PooledKey* KeySlot::take() noexcept {
   const std::uint64_t generation = generation_.load();
-  if (generation % 2 == 0 || !boundTo(binding)) return nullptr;
+  if (generation % 2 == 0) return nullptr;
   PooledKey* pooled = takePooled(generation);
   return pooled != nullptr ? pooled : prepare(generation);
 }
@@ -174,9 +168,7 @@ PooledKey* KeySlot::takePooled(std::uint64_t generation) noexcept {
 PooledKey* KeySlot::prepare(std::uint64_t generation) const noexcept {
   KeyData data;
   read(data);
-  PooledKey* pooled = generation_.load() == generation
-                          ? new (std::nothrow) PooledKey{generation, PreparedKey(*data.suite, data.material)}
-                          : nullptr;
+  PooledKey* pooled = generation_.load() == generation ? new (std::nothrow) PooledKey(generation, data) : nullptr;
   OPENSSL_cleanse(&data, sizeof data);
   return pooled;
 }
@@ -307,11 +299,15 @@ BCipherKey makeKey(int algorithm, const Suite* suite, const KeyMaterial& materia
   return key;
 }
 
-Session::Session(BCipherKey key, Bytes binding) noexcept
-    : slot_(key == nullptr ? nullptr : &slotOf(key)), pooled_(slot_ == nullptr ? nullptr : slot_->take(binding)) {}
+Session::Session(BCipherKey key) noexcept
+    : slot_(key == nullptr ? nullptr : &slotOf(key)), pooled_(slot_ == nullptr ? nullptr : slot_->take()) {}
 
 PreparedKey& Session::key() noexcept {
   return pooled_->key;
+}
+
+Bytes Session::binding() const noexcept {
+  return {pooled_->binding, pooled_->bindingSize};
 }
 
 bool Session::finish() noexcept {

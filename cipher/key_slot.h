@@ -30,24 +30,34 @@ struct PooledKey;
 // one a processor (at least 8).
 class Session {
  public:
-  // Takes a prepared key when the handle lives and is bound to exactly `binding`, which is compared in constant time.
-  Session(BCipherKey key, Bytes binding) noexcept;
+  // Takes a prepared key when the handle lives and is bound to what the caller presents: matches(Bytes binding)
+  // compares the two, in constant time, and returns whether they are equal.
+  template <typename Matches>
+  Session(BCipherKey key, const Matches& matches) noexcept : Session(key) {
+    if (pooled_ != nullptr && !matches(binding())) finish();
+  }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
-  ~Session() { finish(); }
+  ~Session() {
+    if (pooled_ != nullptr) finish();
+  }
 
   // Whether there is a key to work with: false for a null handle, one that was wiped or deleted, one with another
   // binding, and when memory ran out.
   explicit operator bool() const noexcept { return pooled_ != nullptr; }
 
-  // The key. Only while the session is true.
+  // The key, and a copy of the bytes that the handle is bound to, aligned as any type may have to be. Only while the
+  // session is true.
   PreparedKey& key() noexcept;
+  [[nodiscard]] Bytes binding() const noexcept;
 
   // Gives the prepared key back and ends the session. Returns whether the handle is still what it was at the beginning:
   // only then may what was computed be handed out. False as well for a session that had no key or was ended already.
   bool finish() noexcept;
 
  private:
+  explicit Session(BCipherKey key) noexcept;
+
   KeySlot* slot_;
   PooledKey* pooled_ = nullptr;
 };

@@ -10,7 +10,6 @@
 #include <string_view>
 
 #include "cipher/kdf.h"
-#include "cipher/key_slot.h"
 #include "cipher/suite.h"
 #include "engine/policy/policy_codes.h"
 #include "kezu/shared.h"
@@ -74,7 +73,33 @@ bool deriveMaterial(const Q7EncPolicyInfo& policy, const cipher::Suite& suite, c
          cipher::hkdfSha256(material.tagKey, key, kTagLabel);
 }
 
+using Word = kezu::detail::Word<alignof(Q7EncPolicyInfo)>;
+constexpr std::size_t kGapWord = kNameEnd / sizeof(Word);
+
+// A word of a record without the bytes of the gap.
+Word withoutGap(Word word, std::size_t index) noexcept {
+  if (index == kGapWord) std::memset(reinterpret_cast<unsigned char*>(&word) + kNameEnd % sizeof word, 0, kNameGap);
+  return word;
+}
+static_assert(kNameGap == sizeof(Word) - kNameEnd % sizeof(Word));
+
+// Compares a record with a binding, in constant time: both hold the column key.
+bool isBoundTo(const Q7EncPolicyInfo& shared, cipher::Bytes binding) noexcept {
+  if (binding.size() != sizeof shared) return false;
+  auto* words = kezu::detail::words(const_cast<Q7EncPolicyInfo&>(shared));
+  Word differences = 0;
+  for (std::size_t i = 0; i < kezu::detail::kWords<Q7EncPolicyInfo>; ++i) {
+    Word bound;
+    std::memcpy(&bound, binding.data() + i * sizeof bound, sizeof bound);
+    differences |= bound ^ withoutGap(std::atomic_ref(words[i]).load(std::memory_order_relaxed), i);
+  }
+  return differences == 0;
+}
+
 }  // namespace
+
+PolicySession::PolicySession(BCipherKey key, const Q7EncPolicyInfo& shared) noexcept
+    : Session(key, [&shared](cipher::Bytes binding) { return isBoundTo(shared, binding); }) {}
 
 PolicyCopy::PolicyCopy(const Q7EncPolicyInfo& shared) noexcept {
   kezu::loadRecord(record_, shared);

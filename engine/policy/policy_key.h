@@ -6,6 +6,7 @@
 #include <span>
 
 #include "cipher/digest.h"
+#include "cipher/key_slot.h"
 #include "kezu/engine.h"
 
 namespace engine {
@@ -29,6 +30,19 @@ class PolicyCopy {
 
  private:
   Q7EncPolicyInfo record_;
+};
+
+// One operation under a policy, as cipher::Session: with the key handle that was made for the policy. The record may
+// lie in the table, where another thread stores it at the same time; it is read in place, each word of it once, and
+// compared with what the handle was made for. Where all of it is equal, it was that policy.
+class PolicySession : public cipher::Session {
+ public:
+  PolicySession(BCipherKey key, const Q7EncPolicyInfo& shared) noexcept;
+
+  // The policy, as the handle was made for it. Only while the session is true.
+  [[nodiscard]] const Q7EncPolicyInfo& policy() const noexcept {
+    return *reinterpret_cast<const Q7EncPolicyInfo*>(binding().data());
+  }
 };
 
 // Why a record can't be a policy: a constant text, or null when it can. Checks every field: the codes, their
