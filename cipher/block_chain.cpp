@@ -5,13 +5,29 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace cipher {
 namespace {
 
 // Texts below this are put together with their padding first, so that OpenSSL is called once.
 constexpr std::size_t kShort = 256;
+
+// A block that is loaded and stored at once: the cipher would have to wait for a block that was stored in pieces.
+template <std::size_t Size>
+using Words [[gnu::vector_size(Size)]] = std::uint64_t;
+
+template <typename Block>
+void combine(unsigned char* block, const unsigned char* one, const unsigned char* other) noexcept {
+  Block words[3];
+  std::memcpy(&words[0], block, sizeof words[0]);
+  std::memcpy(&words[1], one, sizeof words[1]);
+  std::memcpy(&words[2], other, sizeof words[2]);
+  words[0] ^= words[1] ^ words[2];
+  std::memcpy(block, &words[0], sizeof words[0]);
+}
 
 // Bytes of the padding that a text's last block ends with, 0 when that is none.
 std::size_t paddingOf(Bytes lastBlock) noexcept {
@@ -42,8 +58,10 @@ bool BlockChain::run(unsigned char* out, const unsigned char* in, std::size_t si
 }
 
 void BlockChain::exchangeVector(unsigned char* firstBlock, Bytes iv) const noexcept {
-  for (std::size_t i = 0; i < iv.size(); ++i) {
-    firstBlock[i] = static_cast<unsigned char>(firstBlock[i] ^ iv[i] ^ before_[i]);
+  if (iv.size() == sizeof(Words<16>)) {
+    combine<Words<16>>(firstBlock, iv.data(), before_);
+  } else if (iv.size() == sizeof(Words<8>)) {
+    combine<Words<8>>(firstBlock, iv.data(), before_);
   }
 }
 

@@ -36,7 +36,7 @@ using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
 class BlockChain {
  public:
   // `context` is keyed for the direction that is used, with a vector of zeros where the mode has one. `block` is the
-  // cipher's block in bytes, kMaxBlockSize at most.
+  // cipher's block in bytes: 8 or 16.
   BlockChain(Context context, std::size_t block) noexcept;
 
   // False once OpenSSL failed: the next text needs a new one.

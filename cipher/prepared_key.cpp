@@ -3,8 +3,10 @@
 // Running texts through OpenSSL's ciphers with contexts that are keyed already.
 #include "cipher/prepared_key.h"
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
 #include <algorithm>
 #include <array>
@@ -43,13 +45,17 @@ bool transform(EVP_CIPHER_CTX* context, unsigned char* out, Bytes text) noexcept
          EVP_CipherFinal_ex(context, out + written, &last) == 1;
 }
 
+// Through the parameters, not through EVP_CIPHER_CTX_ctrl, which makes parameters of its arguments first.
 bool takeTag(EVP_CIPHER_CTX* context, unsigned char* tag, std::size_t size) noexcept {
-  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, static_cast<int>(size), tag) == 1;
+  OSSL_PARAM parameters[] = {OSSL_PARAM_octet_string(OSSL_CIPHER_PARAM_AEAD_TAG, tag, size), OSSL_PARAM_END};
+  return EVP_CIPHER_CTX_get_params(context, parameters) == 1;
 }
 
 bool giveTag(EVP_CIPHER_CTX* context, Bytes tag) noexcept {
-  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
-                             const_cast<unsigned char*>(tag.data())) == 1;
+  const OSSL_PARAM parameters[] = {
+      OSSL_PARAM_octet_string(OSSL_CIPHER_PARAM_AEAD_TAG, const_cast<unsigned char*>(tag.data()), tag.size()),
+      OSSL_PARAM_END};
+  return EVP_CIPHER_CTX_set_params(context, parameters) == 1;
 }
 
 // CCM: length, associated data and text, in this order. The text's call is made for an empty text too.

@@ -8,31 +8,32 @@
 
 #include "kezu/engine.h"
 #include "kezu/shared.h"
-#include "udf/policy_hints.h"
+#include "udf/policy_name.h"
 
 // Where a walk found its policy. An administrator's changes move the active slot on, and rebuild the one that a slow
 // reader is still in; then a key handle may be gone before it is used.
 class PolicyWalk {
  public:
-  // Calls use(policy, key) for every policy of the active slot whose name equals `name` exactly, in order. The policy
+  // Calls use(policy, key) for every policy of the active slot whose name equals `text` exactly, in order. The policy
   // is the record in the table and `key` its handle, which gives empty results once the policy has changed. What came
   // of the calls is worth nothing when disturbed() says so afterwards.
   //
   // A name that one policy alone has is looked for where the calling thread found it last: the table has 2000 records,
   // and going through them takes longer than encrypting a value.
   template <typename Use>
-  void run(std::string_view name, Use use) {
+  void run(std::string_view text, Use use) {
+    const PolicyName name(text);
     slot_ = kezu::observe(g_encPolicyArray_flag);
     const int count = std::min(kezu::observe(g_numberOfEncPolicy[slot_]), kMaxPolicies);
-    PolicyHint& hint = policyHint(name);
+    PolicyHint& hint = PolicyHint::of(name);
     if (hint.slot == slot_ && hint.count == count && hint.key == kezu::observe(g_makeKeyArray[slot_][hint.index]) &&
-        isNamed(hint.index, name)) {
+        name.isOf(g_encPolicyArray[slot_][hint.index])) {
       visit(hint.index, name, use);
       return;
     }
     int found = 0;
     for (int i = 0; i < count; ++i) {
-      if (isNamed(i, name)) {
+      if (name.isOf(g_encPolicyArray[slot_][i])) {
         visit(i, name, use);
         hint = {slot_, count, i, key_};
         ++found;
@@ -53,18 +54,15 @@ class PolicyWalk {
   }
 
  private:
-  bool isNamed(int index, std::string_view name) const {
-    return kezu::fieldEquals(g_encPolicyArray[slot_][index].policyID, name);
-  }
-
   // A slot's keys are all taken out before any of its records is written again, and none of them comes back before the
   // slot's next turn. So a record that has the name afterwards, with the key that was used, had it all the while.
   template <typename Use>
-  void visit(int index, std::string_view name, Use& use) {
+  void visit(int index, const PolicyName& name, Use& use) {
+    Q7EncPolicyInfo& policy = g_encPolicyArray[slot_][index];
     used_ = &g_makeKeyArray[slot_][index];
     key_ = kezu::observe(*used_);
-    use(g_encPolicyArray[slot_][index], key_);
-    disturbed_ = disturbed_ || !isNamed(index, name) || kezu::observe(*used_) != key_;
+    use(policy, key_);
+    disturbed_ = disturbed_ || !name.isOf(policy) || kezu::observe(*used_) != key_;
   }
 
   int slot_ = 0;

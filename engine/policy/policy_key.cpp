@@ -5,9 +5,12 @@
 
 #include <openssl/crypto.h>
 
+#include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "cipher/kdf.h"
 #include "cipher/suite.h"
@@ -75,25 +78,27 @@ bool deriveMaterial(const Q7EncPolicyInfo& policy, const cipher::Suite& suite, c
 
 using Word = kezu::detail::Word<alignof(Q7EncPolicyInfo)>;
 constexpr std::size_t kGapWord = kNameEnd / sizeof(Word);
+static_assert(kNameGap == sizeof(Word) - kNameEnd % sizeof(Word) && std::endian::native == std::endian::little);
+constexpr Word kOutsideGap = (Word{1} << 8 * (kNameEnd % sizeof(Word))) - 1;
 
-// A word of a record without the bytes of the gap.
-Word withoutGap(Word word, std::size_t index) noexcept {
-  if (index == kGapWord) std::memset(reinterpret_cast<unsigned char*>(&word) + kNameEnd % sizeof word, 0, kNameGap);
-  return word;
+template <std::size_t Index>
+Word differenceAt(const Word* shared, const unsigned char* bound) noexcept {
+  Word word;
+  std::memcpy(&word, bound + Index * sizeof word, sizeof word);
+  const Word difference = word ^ std::atomic_ref(const_cast<Word&>(shared[Index])).load(std::memory_order_relaxed);
+  return Index == kGapWord ? difference & kOutsideGap : difference;
 }
-static_assert(kNameGap == sizeof(Word) - kNameEnd % sizeof(Word));
+
+template <std::size_t... Indices>
+Word differences(const Word* shared, const unsigned char* bound, std::index_sequence<Indices...>) noexcept {
+  return (differenceAt<Indices>(shared, bound) | ...);
+}
 
 // Compares a record with a binding, in constant time: both hold the column key.
 bool isBoundTo(const Q7EncPolicyInfo& shared, cipher::Bytes binding) noexcept {
-  if (binding.size() != sizeof shared) return false;
-  auto* words = kezu::detail::words(const_cast<Q7EncPolicyInfo&>(shared));
-  Word differences = 0;
-  for (std::size_t i = 0; i < kezu::detail::kWords<Q7EncPolicyInfo>; ++i) {
-    Word bound;
-    std::memcpy(&bound, binding.data() + i * sizeof bound, sizeof bound);
-    differences |= bound ^ withoutGap(std::atomic_ref(words[i]).load(std::memory_order_relaxed), i);
-  }
-  return differences == 0;
+  constexpr auto kAllWords = std::make_index_sequence<kezu::detail::kWords<Q7EncPolicyInfo>>();
+  return binding.size() == sizeof shared &&
+         differences(kezu::detail::words(const_cast<Q7EncPolicyInfo&>(shared)), binding.data(), kAllWords) == 0;
 }
 
 }  // namespace
