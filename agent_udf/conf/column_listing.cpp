@@ -46,9 +46,10 @@ frame::Answer policyOf(std::string owner, std::string table, std::string column,
 
 // kezu_conf_get_column() -> STRING: the file-check string of the columns. Needs no session.
 // kezu_conf_get_column(session) -> STRING: number of registered columns.
-// kezu_conf_get_column(session, index, field) -> STRING: a field of a registration: 0 owner, 1 table, 2 column, 3
-// policy. kezu_conf_get_column(session, owner, table, column) -> STRING: the policy that protects a column. NULL for
-// everything else.
+// kezu_conf_get_column(session, index, field) -> STRING: a field of a registration:
+//   0 owner, 1 table, 2 column, 3 policy.
+// kezu_conf_get_column(session, owner, table, column) -> STRING: the policy that protects a column.
+// NULL for everything else.
 KEZU_STRING_FUNCTION(kezu_conf_get_column, {.forms = {"", "S", "SII", "SSSS"},
                                             .usage = "kezu_conf_get_column_init('string data')",
                                             .max_length = 64})

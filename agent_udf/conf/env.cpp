@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The engine-wide modes. Each is saved with the table whose file carries it.
-#include "conf/audit_event.h"
-#include "conf/check_auth.h"
+#include "conf/setting.h"
 #include "frame/function.h"
-#include "frame/number.h"
+#include "kezu/engine.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -17,7 +16,7 @@ enum Column : int { kAccessControl = 0, kDecryptDeny = 1, kDoubleEncrypt = 2 };
 
 // Writes the event of a change and then saves the change.
 long long finish(const std::string& description, int (*save)()) {
-  writeAuditEvent(kLogChange, {{"group", "policy"}, {"desc", description}});
+  logSetting(kLogChange, description);
   return save() == -1 ? kSaveFailed : kStored;
 }
 
@@ -26,20 +25,31 @@ long long sqlNull(frame::Flags& flags) {
   return 0;
 }
 
+std::optional<int> modeOf(int col) {
+  switch (col) {
+    case kAccessControl:
+      return kezu::observe(g_accessControlMode);
+    case kDecryptDeny:
+      return kezu::observe(g_decryptDenyMode);
+    case kDoubleEncrypt:
+      return kezu::observe(g_doubleEncryptMode);
+    default:
+      return std::nullopt;
+  }
+}
+
 }  // namespace
 
-// kezu_conf_set_env(session, col, val) -> INTEGER: sets a mode: 0 access control (0 allow first, else deny first), 1
-// what a refused decryption yields (0 to 4), 2 double encryption (0 error, else pass). 1; -2 when the save fails, with
-// the new value in memory; NULL without a valid session, for another `col`, and for a value that mode 1 does not know.
+// kezu_conf_set_env(session, col, val) -> INTEGER: sets a mode.
+//   col  0 access control, 1 what a refused decryption yields, 2 double encryption
+//   val  for 0: 0 allow first, else deny first; for 1: 0 to 4; for 2: 0 error, else pass
+// 1; -2 when the save returns -1, which that of the third mode never does, with the new value in memory. NULL without a
+// valid session, for another `col`, and for a value that mode 1 does not know.
 KEZU_INTEGER_FUNCTION(kezu_conf_set_env,
                       {.forms = {"SII"}, .usage = "kezu_conf_set_column_init('string data')", .max_length = 64})
 (const frame::Args& args, frame::Flags& flags) {
-  if (args.count() != 3) {
-    flags.setError();
+  if (!mayProceed(args, flags, 3)) {
     return 0;
-  }
-  if (!checkAuth(args)) {
-    return sqlNull(flags);
   }
   const int val = args.int32(2);
   switch (args.int32(1)) {
@@ -65,22 +75,5 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_env,
 KEZU_STRING_FUNCTION(kezu_conf_get_env,
                      {.forms = {"SI"}, .usage = "kezu_conf_get_column_init('string data')", .max_length = 64})
 (const frame::Args& args, frame::Flags& flags, frame::ServerBuffer buffer) {
-  if (args.count() != 2) {
-    flags.setError();
-    return frame::Answer::null();
-  }
-  if (!checkAuth(args)) {
-    return frame::Answer::null();
-  }
-  switch (args.int32(1)) {
-    case kAccessControl:
-      return frame::number(kezu::observe(g_accessControlMode), buffer);
-    case kDecryptDeny:
-      return frame::number(kezu::observe(g_decryptDenyMode), buffer);
-    case kDoubleEncrypt:
-      return frame::number(kezu::observe(g_doubleEncryptMode), buffer);
-    default:
-      flags.setError();
-      return frame::Answer::null();
-  }
+  return readSetting(args, flags, buffer, modeOf);
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Where policies come from: made locally, or fetched from the key management server.
-#include "conf/audit_event.h"
 #include "conf/check_auth.h"
 #include "conf/policy_table.h"
+#include "conf/setting.h"
 #include "frame/function.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -20,10 +20,6 @@ constexpr long long kFetchFailed = -1;
 constexpr long long kLocalInUse = -2;
 constexpr long long kMismatch = -3;
 constexpr long long kNoLocal = -4;
-
-void logEvent(int level, const char* description) {
-  writeAuditEvent(level, {{"group", "policy"}, {"desc", description}});
-}
 
 long long save() {
   switch (Q7_SavePolicyInfo()) {
@@ -43,25 +39,25 @@ long long useKeyServer(Q7KmsMode mode, Q7KmsMode other, const char* description)
     return kDirectSwitch;
   }
   if (activePolicyCount() > 0 || kezu::observe(g_numberOfEncColumn) >= 1) {
-    logEvent(kLogNotice, "You cannot use VX-KMS unless the number of local policies and columns is none.");
+    logSetting(kLogNotice, "You cannot use VX-KMS unless the number of local policies and columns is none.");
     return kInUse;
   }
   kezu::publish(g_kmsMode, mode);
-  logEvent(kLogChange, description);
+  logSetting(kLogChange, description);
   return save();
 }
 
 // Discards every policy of the active slot, in place.
 long long useLocalPolicies() {
   if (kezu::observe(g_numberOfEncColumn) >= 1) {
-    logEvent(kLogNotice, "You cannot change to KMS Disable mode unless the number of columns is none.");
+    logSetting(kLogNotice, "You cannot change to KMS Disable mode unless the number of columns is none.");
     return kInUse;
   }
   kezu::publish(g_kmsMode, Q7_NO_KMS_MODE);
   const int slot = activePolicySlot();
   clearPolicySlot(slot);
   kezu::publish(g_numberOfEncPolicy[slot], 0);
-  logEvent(kLogChange, "SET ENV KMS DISABLE");
+  logSetting(kLogChange, "SET ENV KMS DISABLE");
   return save();
 }
 
@@ -69,22 +65,22 @@ long long loadOnly() {
   if (Q7_GetPolicyInfoFromKMS() == 0) {
     return kDone;
   }
-  logEvent(kLogFailure, "Failed to get Policies from VX-KMS.");
+  logSetting(kLogFailure, "Failed to get Policies from VX-KMS.");
   return kFetchFailed;
 }
 
 long long loadCached() {
   Q7_LoadPolicyInfo("");
   if (Q7_GetPolicyInfoFromKMS() != 0) {
-    logEvent(kLogNotice, "Failed to get Policies from VX-KMS. Local policy info loaded.");
+    logSetting(kLogNotice, "Failed to get Policies from VX-KMS. Local policy info loaded.");
     return kLocalInUse;
   }
   switch (compareLocalAndKMSPolicy()) {
     case 1:
-      logEvent(kLogNotice, "Cached local Policy info and VX-KMS policy info mismatched.");
+      logSetting(kLogNotice, "Cached local Policy info and VX-KMS policy info mismatched.");
       return kMismatch;
     case -1:
-      logEvent(kLogNotice, "Local policy info does not exist. You should use Sync with KMS.");
+      logSetting(kLogNotice, "Local policy info does not exist. You should use Sync with KMS.");
       return kNoLocal;
     default:
       return kDone;
@@ -93,18 +89,14 @@ long long loadCached() {
 
 }  // namespace
 
-// kezu_conf_set_kms_mode(session, mode) -> INTEGER: 0 local policies (discards those there are), 1 policies of the key
-// management server, 2 the same with a local copy. 1 saved; -2 the save failed, -5 another process changed the file; -3
-// policies or columns are in the way; -6 the switch between 1 and 2 goes through 0. Another mode only saves. NULL
-// without a valid session.
+// kezu_conf_set_kms_mode(session, mode) -> INTEGER: sets where policies come from.
+//   mode  0 local policies (discards those there are), 1 the key management server, 2 the same with a local copy.
+//         Another one only saves.
+// 1 saved; -2 the save failed, -5 another process changed the file; -3 policies or columns are in the way; -6 the
+// switch between 1 and 2 goes through 0. NULL without a valid session.
 KEZU_INTEGER_FUNCTION(kezu_conf_set_kms_mode, {.forms = {"SI"}, .usage = "kezu_conf_get_kms_mode_init('string data')"})
 (const frame::Args& args, frame::Flags& flags) {
-  if (args.count() != 2) {
-    flags.setError();
-    return 0;
-  }
-  if (!checkAuth(args)) {
-    flags.setNull();
+  if (!mayProceed(args, flags, 2)) {
     return 0;
   }
   switch (args.int32(1)) {
@@ -122,22 +114,16 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_kms_mode, {.forms = {"SI"}, .usage = "kezu_c
 // kezu_conf_get_kms_mode(session) -> INTEGER: the mode, 0 to 2. NULL without a valid session.
 KEZU_INTEGER_FUNCTION(kezu_conf_get_kms_mode, {.forms = {"S"}, .usage = "kezu_conf_get_kms_mode_init('string data')"})
 (const frame::Args& args, frame::Flags& flags) {
-  if (args.count() != 1) {
-    flags.setError();
-    return 0;
-  }
-  if (!checkAuth(args)) {
-    flags.setNull();
+  if (!mayProceed(args, flags, 1)) {
     return 0;
   }
   return kezu::observe(g_kmsMode);
 }
 
 // kezu_conf_get_policy_for_kms() -> INTEGER: with a local copy, loads it. 1. Needs no session.
-// kezu_conf_get_policy_for_kms(session) -> INTEGER: fetches the policies. 1 done, or nothing to do; -1 the fetch
-// failed; -2 it
-//   failed and the local copy is in use; -3 local copy and server differ; -4 there is no local copy. NULL without a
-//   valid session.
+// kezu_conf_get_policy_for_kms(session) -> INTEGER: fetches the policies.
+// 1 done, or nothing to do; -1 the fetch failed; -2 it failed and the local copy is in use; -3 local copy and server
+// differ; -4 there is no local copy. NULL without a valid session.
 KEZU_INTEGER_FUNCTION(kezu_conf_get_policy_for_kms, {.forms = {"", "S"},
                                                      .usage = "kezu_conf_get_policy_kms_mode_init('string data')",
                                                      .max_length = 64})

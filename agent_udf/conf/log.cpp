@@ -36,9 +36,11 @@ frame::Answer lineCount(Log& log, const std::string& logDate, frame::ServerBuffe
 
 }  // namespace
 
-// kezu_conf_get_log(session, type, date) -> STRING: number of lines of a day's log ("YYYY-MM-DD"); type 0 is the audit
-// log. kezu_conf_get_log(session, type, date, line) -> STRING: one line, counted from 0; empty when there is none. NULL
-// without a valid session.
+// kezu_conf_get_log(session, type, date) -> STRING: number of lines of a day's log.
+// kezu_conf_get_log(session, type, date, line) -> STRING: one line, counted from 0; empty when there is none.
+//   type  0 is the audit log; every other one is empty.
+//   date  "YYYY-MM-DD", local time; a day without a log, and what is no day, have no lines.
+// NULL without a valid session.
 KEZU_STRING_FUNCTION(kezu_conf_get_log, {.forms = {"SIS", "SISI"},
                                          .usage = "kezu_conf_get_column_init('string data')",
                                          .max_length = 2176})

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The audit flags. They are saved with the policies, whose file carries them.
-#include "conf/audit_event.h"
-#include "conf/check_auth.h"
+#include "conf/setting.h"
 #include "frame/function.h"
-#include "frame/number.h"
+#include "kezu/engine.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -27,6 +26,11 @@ const LogFlag* findFlag(int col) {
   return col >= 0 && col < static_cast<int>(std::size(flags_by_column)) ? &flags_by_column[col] : nullptr;
 }
 
+std::optional<int> valueOf(int col) {
+  const LogFlag* flag = findFlag(col);
+  return flag == nullptr ? std::nullopt : std::optional<int>(kezu::observe(flag->value));
+}
+
 }  // namespace
 
 // kezu_conf_set_log_flag(session, col, val) -> INTEGER: sets an audit flag: 0 deny, 1 access, 2 query. 1; -2 when the
@@ -35,12 +39,7 @@ const LogFlag* findFlag(int col) {
 KEZU_INTEGER_FUNCTION(kezu_conf_set_log_flag,
                       {.forms = {"SII"}, .usage = "kezu_conf_set_column_init('string data')", .max_length = 64})
 (const frame::Args& args, frame::Flags& flags) {
-  if (args.count() != 3) {
-    flags.setError();
-    return 0;
-  }
-  if (!checkAuth(args)) {
-    flags.setNull();
+  if (!mayProceed(args, flags, 3)) {
     return 0;
   }
   const LogFlag* flag = findFlag(args.int32(1));
@@ -50,8 +49,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_log_flag,
   }
   const int val = args.int32(2);
   kezu::publish(flag->value, val);
-  writeAuditEvent(kLogChange, {{"group", "policy"},
-                               {"desc", std::string("SET LOG FLAG ") + flag->name + " = " + std::to_string(val)}});
+  logSetting(kLogChange, std::string("SET LOG FLAG ") + flag->name + " = " + std::to_string(val));
   switch (Q7_SavePolicyInfo()) {
     case -1:
       return kSaveFailed;
@@ -67,17 +65,5 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_log_flag,
 KEZU_STRING_FUNCTION(kezu_conf_get_log_flag,
                      {.forms = {"SI"}, .usage = "kezu_conf_get_column_init('string data')", .max_length = 64})
 (const frame::Args& args, frame::Flags& flags, frame::ServerBuffer buffer) {
-  if (args.count() != 2) {
-    flags.setError();
-    return frame::Answer::null();
-  }
-  if (!checkAuth(args)) {
-    return frame::Answer::null();
-  }
-  const LogFlag* flag = findFlag(args.int32(1));
-  if (flag == nullptr) {
-    flags.setError();
-    return frame::Answer::null();
-  }
-  return frame::number(kezu::observe(flag->value), buffer);
+  return readSetting(args, flags, buffer, valueOf);
 }

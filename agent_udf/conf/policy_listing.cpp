@@ -66,12 +66,10 @@ frame::Answer fieldByPosition(Q7EncPolicyInfo policy, int field, frame::ServerBu
 
 // kezu_conf_get_policy() -> STRING: the file-check string of the policies. Needs no session.
 // kezu_conf_get_policy(session) -> STRING: number of policies.
-// kezu_conf_get_policy(session, name, field) -> STRING: a field of the named policy: 0 algorithm, 1 iv mode, 2
-// position, 3 length,
-//   4 block mode, 5 string mode.
-// kezu_conf_get_policy(session, index, field) -> STRING: a field of the policy at a position: 0 name, 1 to 6 the fields
-// above,
-//   7 encryption flag in hexadecimal.
+// kezu_conf_get_policy(session, name, field) -> STRING: a field of the named policy:
+//   0 algorithm, 1 IV mode, 2 position, 3 length, 4 block mode, 5 string mode.
+// kezu_conf_get_policy(session, index, field) -> STRING: a field of the policy at a position:
+//   0 name, 1 to 6 the fields above, 7 encryption flag in hexadecimal.
 // NULL for everything else.
 KEZU_STRING_FUNCTION(kezu_conf_get_policy,
                      {.forms = {"", "S", "S*I"}, .usage = "kezu_conf_get_column_init('string data')", .max_length = 64})

@@ -6,9 +6,6 @@
 #include "listing_checks.h"
 
 namespace conformance {
-
-void PrintTo(const InitRule& rule, std::ostream* out);
-
 namespace {
 
 #define RULE(name) #name, name##_init

@@ -30,7 +30,15 @@ struct Change {
   int val;
   const char* description;
   const char* save;
+
+  std::string name() const {
+    const std::string number = std::to_string(val);
+    return "Mode" + std::to_string(col) + "To" + (val < 0 ? "Minus" + number.substr(1) : number);
+  }
 };
+void PrintTo(const Change& change, std::ostream* out) {
+  *out << change.name();
+}
 
 class EnvChange : public Env, public ::testing::WithParamInterface<Change> {};
 
@@ -90,7 +98,7 @@ INSTANTIATE_TEST_SUITE_P(EachMode, EnvChange,
                                            Change{2, 1, "SET ENV DOUBLE ENCRYPT PASS", "Q7_SaveQueryPrivInfo"},
                                            Change{2, -5, "SET ENV DOUBLE ENCRYPT PASS", "Q7_SaveQueryPrivInfo"},
                                            Change{2, kLargest, "SET ENV DOUBLE ENCRYPT PASS", "Q7_SaveQueryPrivInfo"}),
-                         [](const auto& info) { return "Case" + std::to_string(info.index); });
+                         [](const auto& info) { return info.param.name(); });
 
 TEST_F(Env, ValueOutsideTheTableOfDenyModesIsNullAndNothingIsDone) {
   for (const long long val : {5LL, 6LL, -1LL, 0x7FFFFFFFLL, 0xFFFFFFFFLL}) {

@@ -303,6 +303,28 @@ TEST_F(Hmac, LastOfAFullSlotIsFound) {
   EXPECT_THAT(keyed(kMessage, "p1999"), IsText(kHmacSha256));
 }
 
+// An administrator's changes move the table on while a value is worked on: the slot that is read may be rebuilt.
+TEST_F(Hmac, SlotThatIsRebuiltUnderTheWalkIsReadAgain) {
+  addPolicy(1, "pol", "Jefe");
+  bool rebuilt = false;
+  engine.onCall("kezuHmacBinary", [&] {
+    if (!rebuilt) {
+      rebuilt = true;
+      setField(g_encPolicyArray[0][1].policyID, "other");
+      g_encPolicyArray[0][1].columnKey[0] = 'j';
+      g_encPolicyArray_flag = 1;
+    }
+  });
+  EXPECT_THAT(keyed(kMessage, "pol"), IsText(kHmacSha256));
+  EXPECT_EQ(engine.count("kezuHmacBinary"), 2U);
+  expectCount(hmac_b64_data_deinit, "hmac_b64_data", 1);
+}
+
+TEST_F(Hmac, RecordThatBecomesAnotherPolicysGivesTheEmptyText) {
+  engine.onCall("kezuHmacBinary", [] { setField(g_encPolicyArray[0][1].policyID, "other"); });
+  EXPECT_TRUE(keyed(kMessage, "pol").isEmptyText());
+}
+
 TEST_F(Hmac, IsTheEmptyTextWhenTheEncodingFails) {
   engine.answer("Q7_GetEncode64", 1);
   EXPECT_TRUE(keyed(kMessage, "pol").isEmptyText());

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ostream>
 
 #include "udf_call.h"
 
@@ -64,6 +65,10 @@ std::size_t firstWrongType(const std::string& type_list, const std::string& type
 }
 
 }  // namespace
+
+void PrintTo(const InitRule& rule, std::ostream* out) {
+  *out << rule.name;
+}
 
 MessageBuffer::MessageBuffer() : bytes_{} {
   bytes_.fill(kPattern);

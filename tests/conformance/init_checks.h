@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ struct InitRule {
   // that compares the count first.
   std::string type_list = {};
 };
+void PrintTo(const InitRule& rule, std::ostream* out);
 
 // The message buffer of the server, filled with a pattern, so that every byte that was written shows.
 class MessageBuffer {

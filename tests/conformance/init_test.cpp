@@ -68,9 +68,4 @@ TEST(Deinit, NoConfigurationOrPolicyFunctionHasOne) {
 }
 
 }  // namespace
-
-void PrintTo(const InitRule& rule, std::ostream* out) {
-  *out << rule.name;
-}
-
 }  // namespace conformance

@@ -43,6 +43,9 @@ struct KeyServerMode {
   int other;
   const char* description;
 };
+void PrintTo(const KeyServerMode& change, std::ostream* out) {
+  *out << change.mode;
+}
 
 class ToKeyServer : public Kms, public ::testing::WithParamInterface<KeyServerMode> {};
 

@@ -64,7 +64,7 @@ TEST_F(ReadLog, CountOfTenDigitsAndMoreIsCutToNineUnderItsFullLength) {
     const StringResult result = count(0, kDay);
     ASSERT_NE(result.pointer, nullptr);
     EXPECT_EQ(result.length, length);
-    EXPECT_EQ(std::string_view(result.pointer, 10), std::string(lines, 9) + '\0');
+    EXPECT_EQ(std::string_view(result.pointer, length), std::string(lines, 9) + std::string(length - 9, '\0'));
     EXPECT_TRUE(result.isGuardIntact(21));
     EXPECT_FALSE(result.is_null || result.error);
   }

@@ -58,14 +58,20 @@ const EVP_MD* digestOf(int algorithm) {
   }
 }
 
+// The failure of an operation that has written something before it failed, its length too: none of it is a result.
+int failAfterWriting(unsigned char* out, unsigned int* outLen, int result) {
+  std::memset(out, 'F', 3);
+  *outLen = 3;
+  return result != 0 ? result : 1;
+}
+
 int hash(const char* operation, unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
          int algorithm) {
   engine().enter(operation, bytesOf(in, inLen) + ", " + std::to_string(algorithm));
   const int result = engine().resultOf(operation);
   const EVP_MD* digest = digestOf(algorithm);
   if (result != 0 || digest == nullptr) {
-    *outLen = 0;
-    return result != 0 ? result : 1;
+    return failAfterWriting(out, outLen, result);
   }
   return EVP_Digest(in, inLen, out, outLen, digest, nullptr) == 1 ? 0 : 1;
 }
@@ -195,6 +201,7 @@ int kezuGetEncPolicyId(char* owner, char* table, char* column, char* policy, cha
   const int result = engine().resultOf("kezuGetEncPolicyId");
   if (result == 0) {
     copyText(policy, 65, engine().textOf("kezuGetEncPolicyId", "policy"));
+    copyText(error, 256, "no reason, for it did not fail");
   } else {
     giveText(error, 256, "kezuGetEncPolicyId");
   }
@@ -248,8 +255,7 @@ int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char
   const int result = engine().resultOf("kezuHmacBinary");
   const EVP_MD* digest = digestOf(algorithm);
   if (result != 0 || digest == nullptr) {
-    *outLen = 0;
-    return result != 0 ? result : 1;
+    return failAfterWriting(out, outLen, result);
   }
   return HMAC(digest, policy->columnKey, policy->keyLength, in, inLen, out, outLen) != nullptr ? 0 : 1;
 }
@@ -259,9 +265,8 @@ int Q7_GetEncode64(char* out, unsigned int capacity, unsigned int* outLen, unsig
                  std::to_string(capacity) + ", " + bytesOf(in, static_cast<std::size_t>(std::max(inLen, 0))));
   const int result = engine().resultOf("Q7_GetEncode64");
   const auto needed = static_cast<unsigned int>((std::max(inLen, 0) + 2) / 3 * 4);
-  *outLen = 0;
   if (result != 0 || inLen < 0 || needed > capacity) {
-    return result != 0 ? result : 1;
+    return failAfterWriting(reinterpret_cast<unsigned char*>(out), outLen, result);
   }
   std::string text(needed + 1, '\0');
   EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), in, inLen);

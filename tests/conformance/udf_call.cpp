@@ -102,6 +102,10 @@ UDF_ARGS* Arguments::get() {
     pointers_.push_back(bytes.get());
   }
   maybe_null_.assign(types_.size(), 1);
+  pointers_.shrink_to_fit();
+  types_.shrink_to_fit();
+  lengths_.shrink_to_fit();
+  maybe_null_.shrink_to_fit();
   args_.arg_count = static_cast<unsigned int>(types_.size());
   args_.arg_type = types_.data();
   args_.args = pointers_.data();

@@ -12,8 +12,8 @@
 
 namespace conformance {
 
-// The arguments of one call. Texts stand in memory of exactly their size, without a terminating zero, so that reading
-// past one is a fault that the address sanitizer sees.
+// The arguments of one call. Texts stand in memory of exactly their size, without a terminating zero, and so do the
+// lists of types, values and lengths: reading past one is a fault that the address sanitizer sees.
 class Arguments {
  public:
   Arguments() = default;

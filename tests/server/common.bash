@@ -3,7 +3,7 @@
 #
 # What the scripts that start and stop servers of their own share. Each is called as
 #
-#   bash SCRIPT RUN_DIR PLUGIN_DIR KEZU_ADMIN
+#   bash SCRIPT RUN_DIR PLUGIN_DIR KEZU_ADMIN [ADD_POLICY]
 #
 # and ends with status 0 only when every check held. Every server that a script started ends with it.
 set -euo pipefail

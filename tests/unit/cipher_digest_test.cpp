@@ -108,13 +108,29 @@ TEST(CipherDigest, HmacSha2Examples) {
   }
 }
 
-// RFC 2202, test cases 1, 2 and 6.
+// RFC 4231, test case 5: the first 16 bytes are published.
+TEST(CipherDigest, HmacSha2TruncatedExample) {
+  const Data key(20, 0x0c);
+  const Data data = bytesOf("Test With Truncation");
+  EXPECT_EQ(hmacOf(Digest::kSha256, key, data).substr(0, 32), "a3b6167473100ee06e0c796c2955552b");
+  EXPECT_EQ(hmacOf(Digest::kSha512, key, data).substr(0, 32), "415fad6271580a531d4179bc891d87a6");
+}
+
+// RFC 2202, section 3, all seven.
 TEST(CipherDigest, HmacSha1Examples) {
   EXPECT_EQ(hmacOf(Digest::kSha1, Data(20, 0x0b), bytesOf("Hi There")), "b617318655057264e28bc0b6fb378c8ef146be00");
   EXPECT_EQ(hmacOf(Digest::kSha1, bytesOf("Jefe"), bytesOf("what do ya want for nothing?")),
             "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79");
+  EXPECT_EQ(hmacOf(Digest::kSha1, Data(20, 0xaa), Data(50, 0xdd)), "125d7342b9ac11cd91a39af48aa17b4f63f175d3");
+  EXPECT_EQ(hmacOf(Digest::kSha1, fromHex("0102030405060708090a0b0c0d0e0f10111213141516171819"), Data(50, 0xcd)),
+            "4c9007f4026250c6bc8414f9bf50c86c2d7235da");
+  EXPECT_EQ(hmacOf(Digest::kSha1, Data(20, 0x0c), bytesOf("Test With Truncation")),
+            "4c1a03424b55e07fe7f27be1d58bb9324a9a5a04");
   EXPECT_EQ(hmacOf(Digest::kSha1, Data(80, 0xaa), bytesOf("Test Using Larger Than Block-Size Key - Hash Key First")),
             "aa4ae5e15272d00e95705637ce8a3b55ed402112");
+  EXPECT_EQ(hmacOf(Digest::kSha1, Data(80, 0xaa),
+                   bytesOf("Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data")),
+            "e8e99d0f45237d786d6bbaa7965c7808bbff1a91");
 }
 
 // RFC 2104's construction, from the plain digests: H((K ^ opad) | H((K ^ ipad) | text)).

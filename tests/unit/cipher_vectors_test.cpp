@@ -141,7 +141,16 @@ TEST(CipherVectors, EveryCombinationHasOne) {
 }
 
 // RFC 7253, appendix A: a cipher text of many lengths, boiled down to one tag per key size.
-class OcbIteration : public testing::TestWithParam<std::pair<int, const char*>> {};
+struct OcbTag {
+  const char* cipher;
+  int algorithm;
+  const char* tag;
+};
+void PrintTo(const OcbTag& expected, std::ostream* out) {
+  *out << expected.cipher;
+}
+
+class OcbIteration : public testing::TestWithParam<OcbTag> {};
 
 Data ocb(PreparedKey& key, unsigned int number, const Data& associated, const Data& text) {
   Data nonce(12);
@@ -153,7 +162,7 @@ Data ocb(PreparedKey& key, unsigned int number, const Data& associated, const Da
 }
 
 TEST_P(OcbIteration, ReachesThePublishedTag) {
-  const Suite* suite = cipher::findSuite(GetParam().first, test::OCB);
+  const Suite* suite = cipher::findSuite(GetParam().algorithm, test::OCB);
   ASSERT_NE(suite, nullptr);
   Data raw(suite->keySize);
   raw.back() = 128;
@@ -166,13 +175,14 @@ TEST_P(OcbIteration, ReachesThePublishedTag) {
       all.insert(all.end(), piece.begin(), piece.end());
     }
   }
-  EXPECT_EQ(toHex(ocb(key, 385, all, {})), GetParam().second);
+  EXPECT_EQ(toHex(ocb(key, 385, all, {})), GetParam().tag);
 }
 
 INSTANTIATE_TEST_SUITE_P(KeySizes, OcbIteration,
-                         testing::Values(std::pair{test::AES128, "67e944d23256c5e0b6c61fa22fdf1ea2"},
-                                         std::pair{test::AES192, "f673f2c3e7174aae7bae986ca9f29e17"},
-                                         std::pair{test::AES256, "d90eb8e9c977c88b79dd793d7ffa161c"}));
+                         testing::Values(OcbTag{"AES128", test::AES128, "67e944d23256c5e0b6c61fa22fdf1ea2"},
+                                         OcbTag{"AES192", test::AES192, "f673f2c3e7174aae7bae986ca9f29e17"},
+                                         OcbTag{"AES256", test::AES256, "d90eb8e9c977c88b79dd793d7ffa161c"}),
+                         [](const auto& info) { return std::string(info.param.cipher); });
 
 // CFB with 8-bit segments (NIST SP 800-38A, section 6.3), from the block cipher whose vectors are above.
 TEST(CipherVectors, CamelliaCfb8IsCfb8OfCamellia) {

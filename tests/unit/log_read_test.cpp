@@ -259,6 +259,11 @@ TEST_F(LogReadTest, ALineOfAMillionIsFoundByReadingALittle) {
     ASSERT_EQ(lineAt(number).substr(80), "n=\"" + std::to_string(number) + "\"");
     EXPECT_LT(bytesRead() - before, kMostBytes);
   }
+  put(kDay, "one more\n", std::ios::app);
+  const std::uint64_t before = bytesRead();
+  ASSERT_EQ(count(), kLines + 1);
+  ASSERT_EQ(lineAt(kLines), "one more");
+  EXPECT_LT(bytesRead() - before, kMostBytes);
 }
 
 TEST_F(LogReadTest, ReadersAndWritersAtOnce) {
