@@ -42,22 +42,15 @@ struct KeyData {
 static_assert(std::is_trivially_copyable_v<KeyData> && sizeof(KeyData) % sizeof(std::uint64_t) == 0);
 
 constexpr std::size_t kDataWords = sizeof(KeyData) / sizeof(std::uint64_t);
+constexpr std::size_t kBindingSizeWord = offsetof(KeyData, bindingSize) / sizeof(std::uint64_t);
+constexpr std::size_t kBindingWord = offsetof(KeyData, binding) / sizeof(std::uint64_t);
+static_assert(offsetof(KeyData, binding) % sizeof(std::uint64_t) == 0 && kMaxBindingSize % sizeof(std::uint64_t) == 0);
 
 }  // namespace
 
-// A prepared key, with the generation of the slot that it was prepared from and what the slot was bound to.
+// A prepared key, with the generation of the slot that it was prepared from.
 struct PooledKey {
-  PooledKey(std::uint64_t preparedFrom, const KeyData& data) noexcept
-      : generation(preparedFrom), bindingSize(data.bindingSize), key(*data.suite, data.material) {
-    std::copy_n(data.binding, bindingSize, binding);
-  }
-  PooledKey(const PooledKey&) = delete;
-  PooledKey& operator=(const PooledKey&) = delete;
-  ~PooledKey() { OPENSSL_cleanse(binding, sizeof binding); }
-
-  const std::uint64_t generation;
-  const std::size_t bindingSize;
-  alignas(std::max_align_t) unsigned char binding[kMaxBindingSize];
+  std::uint64_t generation;
   PreparedKey key;
 };
 
@@ -96,6 +89,9 @@ class KeySlot : public _BCipherKey {
 
   // For any thread, without a lock.
   PooledKey* take() noexcept;
+  [[nodiscard]] Binding binding() const noexcept {
+    return {words_[kBindingSizeWord].load(std::memory_order_acquire), &words_[kBindingWord]};
+  }
   bool giveBack(PooledKey* pooled) noexcept;
 
   // The store's.
@@ -168,7 +164,9 @@ PooledKey* KeySlot::takePooled(std::uint64_t generation) noexcept {
 PooledKey* KeySlot::prepare(std::uint64_t generation) const noexcept {
   KeyData data;
   read(data);
-  PooledKey* pooled = generation_.load() == generation ? new (std::nothrow) PooledKey(generation, data) : nullptr;
+  PooledKey* pooled = generation_.load() == generation
+                          ? new (std::nothrow) PooledKey{generation, PreparedKey(*data.suite, data.material)}
+                          : nullptr;
   OPENSSL_cleanse(&data, sizeof data);
   return pooled;
 }
@@ -306,8 +304,8 @@ PreparedKey& Session::key() noexcept {
   return pooled_->key;
 }
 
-Bytes Session::binding() const noexcept {
-  return {pooled_->binding, pooled_->bindingSize};
+Binding Session::binding() const noexcept {
+  return slot_->binding();
 }
 
 bool Session::finish() noexcept {

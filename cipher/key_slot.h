@@ -3,7 +3,9 @@
 // Key handles: made from a suite, key material and a binding, used through a Session.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "bcipher/bcipher.h"
 #include "cipher/digest.h"
@@ -22,6 +24,25 @@ BCipherKey makeKey(int algorithm, const Suite* suite, const KeyMaterial& materia
 
 class KeySlot;
 struct PooledKey;
+
+// The bytes that a handle is bound to, read where the handle keeps them. Another thread may be putting others there:
+// what was read counts only when the session's finish() says so.
+class Binding {
+ public:
+  Binding(std::size_t size, const std::atomic<std::uint64_t>* words) noexcept : size_(size), words_(words) {}
+
+  // Bytes, at most kMaxBindingSize.
+  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+
+  // The eight bytes from 8 * index on as they lie in memory, zeros past the end. `index` is below kMaxBindingSize / 8.
+  [[nodiscard]] std::uint64_t word(std::size_t index) const noexcept {
+    return words_[index].load(std::memory_order_acquire);
+  }
+
+ private:
+  std::size_t size_;
+  const std::atomic<std::uint64_t>* words_;
+};
 
 // One operation with a handle. Any thread may wipe, delete or make anew the handle meanwhile; finish() tells.
 //
@@ -46,10 +67,8 @@ class Session {
   // binding, and when memory ran out.
   explicit operator bool() const noexcept { return pooled_ != nullptr; }
 
-  // The key, and a copy of the bytes that the handle is bound to, aligned as any type may have to be. Only while the
-  // session is true.
+  // The key. Only while the session is true.
   PreparedKey& key() noexcept;
-  [[nodiscard]] Bytes binding() const noexcept;
 
   // Gives the prepared key back and ends the session. Returns whether the handle is still what it was at the beginning:
   // only then may what was computed be handed out. False as well for a session that had no key or was ended already.
@@ -57,6 +76,7 @@ class Session {
 
  private:
   explicit Session(BCipherKey key) noexcept;
+  [[nodiscard]] Binding binding() const noexcept;
 
   KeySlot* slot_;
   PooledKey* pooled_ = nullptr;

@@ -41,7 +41,7 @@ ValueFormat::ValueFormat(const Q7EncPolicyInfo& policy, const cipher::Suite& sui
       encoding_(policy.strMode),
       partial_(policy.encPos != 0 || policy.encLen != 0),
       computesIv_(policy.ivMode == kIvDeterministic && ivSize_ != 0) {
-  std::memcpy(flag_, policy.encFlag, sizeof flag_);
+  if (flagSize_ != 0) std::memcpy(flag_, policy.encFlag, sizeof flag_);
 }
 
 std::uint64_t ValueFormat::rawSize(std::uint64_t size) const noexcept {

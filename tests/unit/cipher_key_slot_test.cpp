@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <vector>
 
 #include "cipher/key_slot.h"
+#include "engine/policy/policy_key.h"
 #include "tests/unit/crypto_fixture.h"
 
 namespace {
@@ -29,9 +31,18 @@ bool works(const Q7EncPolicyInfo& record, BCipherKey handle) {
 }
 
 // What a caller does that presents these bytes.
-auto presenting(Data bytes) {
-  return
-      [bytes](cipher::Bytes binding) { return std::equal(bytes.begin(), bytes.end(), binding.begin(), binding.end()); };
+auto presenting(const Data& bytes) {
+  return [bytes](const cipher::Binding& binding) {
+    Data bound(cipher::kMaxBindingSize);
+    for (std::size_t i = 0; i < bound.size() / 8; ++i) {
+      const std::uint64_t word = binding.word(i);
+      std::memcpy(bound.data() + 8 * i, &word, sizeof word);
+    }
+    EXPECT_TRUE(std::all_of(bound.begin() + static_cast<std::ptrdiff_t>(binding.size()), bound.end(),
+                            [](unsigned char byte) { return byte == 0; }));
+    bound.resize(binding.size());
+    return bound == bytes;
+  };
 }
 
 TEST(KeyHandle, NullIsAccepted) {
@@ -149,6 +160,20 @@ TEST(KeyHandle, BindingHasAHundredThirtySixBytesAtMost) {
   EXPECT_TRUE(cipher::Session(unbound, presenting({})));
   EXPECT_FALSE(cipher::Session(unbound, presenting(Data(1))));
   BCIPHER_DelKey(unbound);
+}
+
+// A session's copy of its policy: every field but the column key, whatever lies between the fields.
+TEST(KeySession, CopiesThePolicyWithoutItsKey) {
+  const Policy policy({.encPos = 3, .encLen = 4, .flag = "0123456789abcdef", .name = "sixteenletters16"});
+  Q7EncPolicyInfo record = policy.record;
+  reinterpret_cast<unsigned char*>(&record)[sizeof record.policyID] = 0xEE;
+  const engine::PolicySession session(policy.handle, record);
+  ASSERT_TRUE(session);
+  Q7EncPolicyInfo expected = policy.record;
+  std::memset(expected.columnKey, 0, sizeof expected.columnKey);
+  const Q7EncPolicyInfo& copy = session.policy();
+  EXPECT_STREQ(copy.policyID, expected.policyID);
+  EXPECT_EQ(std::memcmp(&copy.algID, &expected.algID, sizeof expected - offsetof(Q7EncPolicyInfo, algID)), 0);
 }
 
 TEST(KeySession, EndsWithoutAResultWhenTheKeyGoes) {
