@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Encryption privileges: whether a database user may encrypt and decrypt a column.
-#include "conf/check_auth.h"
-#include "conf/listing.h"
 #include "conf/privilege_rows.h"
 #include "frame/number.h"
 
@@ -11,69 +9,31 @@ namespace {
 constinit const PrivilegeRows rows(RecordTable(g_encPrivArray, g_numberOfEncPriv),
                                    RecordKey(&Q7EncPriv::user, &Q7EncPriv::owner, &Q7EncPriv::table,
                                              &Q7EncPriv::column),
-                                   std::array{"user", "owner", "table", "column"}, Q7_SaveEncPrivInfo,
+                                   std::array{&Q7EncPriv::enc_priv, &Q7EncPriv::dec_priv},
+                                   {"user", "owner", "table", "column", "enc priv", "dec priv"}, Q7_SaveEncPrivInfo,
                                    "ENCRYPT PRIVILEGE");
-
-constexpr int kEncPrivField = 4;
-
-frame::Answer fieldOf(const Q7EncPriv* row, int field) {
-  if (row == nullptr) {
-    return frame::Answer::null();
-  }
-  switch (field) {
-    case 0:
-      return fieldText(row->user);
-    case 1:
-      return fieldText(row->owner);
-    case 2:
-      return fieldText(row->table);
-    case 3:
-      return fieldText(row->column);
-    case kEncPrivField:
-      return flagText(row->enc_priv);
-    case kEncPrivField + 1:
-      return flagText(row->dec_priv);
-    default:
-      return frame::Answer::null();
-  }
-}
 
 thread_local frame::NumberRing counts;
 
 }  // namespace
 
-// kezu_conf_set_encpriv(session, user, owner, table, column, enc, dec) -> INTEGER: adds a row (1) or changes both its
-// flags (2), of
-//   which the low 8 bits are kept.
-// kezu_conf_set_encpriv(session, user, owner, table, column) -> INTEGER: deletes a row (3); NULL when there is none.
+// kezu_conf_set_encpriv(session, user, owner, table, column, enc, dec) -> INTEGER:
+//   adds a row (1) or changes both its flags (2), of which the low 8 bits are kept.
+// kezu_conf_set_encpriv(session, user, owner, table, column) -> INTEGER:
+//   deletes a row (3); NULL when there is none.
 // -2 when it was not saved, the table is full or a text too long; NULL without a valid session.
 KEZU_INTEGER_FUNCTION(kezu_conf_set_encpriv,
                       {.forms = {"SSSSS", "SSSSSII"}, .usage = "kezu_conf_set_column_init('string data')"})
 (const frame::Args& args, frame::Flags& flags) {
-  if (!checkAuth(args) || (args.count() != 5 && args.count() != 7)) {
-    flags.setNull();
-    return 0;
-  }
-  if (args.count() == 5) {
-    return rows.remove(rows.key(args), flags);
-  }
-  const int enc = args.int32(5);
-  const int dec = args.int32(6);
-  const auto set_flags = [enc, dec](Q7EncPriv& row) {
-    kezu::publish(row.enc_priv, static_cast<char>(enc));
-    kezu::publish(row.dec_priv, static_cast<char>(dec));
-  };
-  return rows.set(rows.key(args), set_flags, {{"enc priv", std::to_string(enc)}, {"dec priv", std::to_string(dec)}});
+  return rows.set(args, flags);
 }
 
 // kezu_conf_get_encpriv() -> STRING: the file-check string of the encryption privileges. Needs no session.
 // kezu_conf_get_encpriv(session) -> STRING: number of rows.
-// kezu_conf_get_encpriv(session, index, field) -> STRING: a field of a row: 0 user, 1 owner, 2 table, 3 column, 4
-// encryption,
-//   5 decryption.
-// kezu_conf_get_encpriv(session, user, owner, table, column, flag) -> STRING: a flag of a row, "1" or "0": 0
-// encryption,
-//   1 decryption.
+// kezu_conf_get_encpriv(session, index, field) -> STRING: a field of a row:
+//   0 user, 1 owner, 2 table, 3 column, 4 encryption, 5 decryption.
+// kezu_conf_get_encpriv(session, user, owner, table, column, flag) -> STRING: a flag of a row, "1" or "0":
+//   0 encryption, 1 decryption.
 // NULL for everything else.
 KEZU_STRING_FUNCTION(kezu_conf_get_encpriv, {.forms = {"", "S", "SII", "SSSSSI"},
                                              .usage = "kezu_conf_get_column_init('string data')",
@@ -87,14 +47,11 @@ KEZU_STRING_FUNCTION(kezu_conf_get_encpriv, {.forms = {"", "S", "SII", "SSSSSI"}
   }
   switch (args.count()) {
     case 1:
-      return counts.keep(rows.table().count());
+      return counts.keep(rows.count());
     case 3:
-      return fieldOf(rows.table().at(args.int32(1)), args.int32(2));
-    case 6: {
-      const int selector = args.int32(5);
-      return selector == 0 || selector == 1 ? fieldOf(rows.find(rows.key(args)), kEncPrivField + selector)
-                                            : frame::Answer::null();
-    }
+      return rows.fieldAt(args.int32(1), args.int32(2));
+    case 6:
+      return rows.lookUp(args, static_cast<unsigned int>(args.int32(5)));
     default:
       return frame::Answer::null();
   }

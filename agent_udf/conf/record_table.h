@@ -20,7 +20,8 @@
 template <typename Record, typename... Field>
 class RecordKey {
  public:
-  using Texts = std::array<std::string_view, sizeof...(Field)>;
+  static constexpr std::size_t kSize = sizeof...(Field);
+  using Texts = std::array<std::string_view, kSize>;
 
   constexpr explicit RecordKey(Field Record::*... fields) noexcept : fields_(fields...) {}
 
@@ -41,6 +42,12 @@ class RecordKey {
   // Whether every text fits its field.
   bool holds(const Texts& texts) const noexcept {
     return all([](auto field, std::string_view text) { return kezu::fieldHolds(Record{}.*field, text); }, texts);
+  }
+
+  // The text of the field at a position of the key, in place; 0 <= position < kSize.
+  std::string_view text(const Record& record, std::size_t position) const noexcept {
+    const Texts texts = std::apply([&](auto... field) { return Texts{kezu::fieldText(record.*field)...}; }, fields_);
+    return texts[position];
   }
 
   // Stores texts that the fields hold.
@@ -107,7 +114,9 @@ class RecordTable {
     if (last < 0) {
       return;
     }
-    kezu::storeRecord(record, records_[last]);
+    Record moved;
+    kezu::loadRecord(moved, records_[last]);
+    kezu::storeRecord(record, moved);
     kezu::publish(count_, last);
   }
 

@@ -2,7 +2,7 @@
 //
 // Table migration records: the command that takes a table back to clear text. Open to every caller that may run the
 // functions.
-#include <cstring>
+#include <ctime>
 #include <string>
 
 #include "conf/audit_event.h"
@@ -58,9 +58,11 @@ long long setCommand(const TableName& name, std::string_view command, Q7TableInf
 
 }  // namespace
 
-// kezu_conf_set_tableinfo(owner, table, command) -> INTEGER: adds a record (1) or replaces its command (2), with the
-// present time. kezu_conf_set_tableinfo(owner, table) -> INTEGER: deletes a record (3); NULL when there is none. -2
-// when it was not saved, and for a command longer than 3071 bytes, a name longer than 64 or a full table (nothing
+// kezu_conf_set_tableinfo(owner, table, command) -> INTEGER:
+//   adds a record (1) or replaces its command (2), with the present time.
+// kezu_conf_set_tableinfo(owner, table) -> INTEGER:
+//   deletes a record (3); NULL when there is none.
+// -2 when it was not saved, and for a command longer than 3071 bytes, a name longer than 64 or a full table (nothing
 // changed).
 KEZU_INTEGER_FUNCTION(kezu_conf_set_tableinfo,
                       {.forms = {"SS", "SSS"}, .usage = "kezu_conf_set_column_init('string data')"})

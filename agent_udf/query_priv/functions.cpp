@@ -2,6 +2,8 @@
 //
 // The query-privilege rules in SQL.
 #include <boost/lexical_cast.hpp>
+#include <string>
+#include <utility>
 
 #include "conf/check_auth.h"
 #include "conf/listing.h"
@@ -22,19 +24,30 @@ std::string ruleText(const frame::Args& args, unsigned int i) {
   return text == "NULL" ? std::string() : text;
 }
 
-frame::Answer failed(frame::Flags& flags) {
-  flags.setError();
-  return frame::Answer::null();
+// The rule at a position as one line; the empty text where there is none.
+std::string ruleLine(int index) {
+  const Q7QueryPrivReader reader;
+  const Q7QueryPriv* rule = query_priv::get(index);
+  return rule == nullptr ? std::string() : boost::lexical_cast<std::string>(*rule);
+}
+
+// The error flag for the empty text.
+frame::Answer answer(std::string text, frame::ServerBuffer buffer, frame::Flags& flags) {
+  if (text.empty()) {
+    flags.setError();
+    return frame::Answer::null();
+  }
+  return texts.keep(std::move(text), buffer);
 }
 
 }  // namespace
 
-// kezu_conf_set_querypriv(session, type1, pattern1, type2, pattern2, action) -> INTEGER: adds a rule (1) or changes its
-// action
-//   (2).
-// kezu_conf_set_querypriv(session, type1, pattern1, type2, pattern2) -> INTEGER: deletes a rule (3); 0 when there is
-// none. The text 'NULL' is an empty type or pattern. -2 when the save fails, with the change in memory, and when the
-// table is full. NULL without a valid session.
+// kezu_conf_set_querypriv(session, type1, pattern1, type2, pattern2, action) -> INTEGER:
+//   adds a rule (1) or changes its action (2).
+// kezu_conf_set_querypriv(session, type1, pattern1, type2, pattern2) -> INTEGER:
+//   deletes a rule (3); 0 when there is none.
+// The text 'NULL' is an empty type or pattern. -2 when the save fails, with the change in memory, and when the table is
+// full. NULL without a valid session.
 KEZU_INTEGER_FUNCTION(kezu_conf_set_querypriv, {.forms = {"SSSSS", "SSSSSI"},
                                                 .usage = "kezu_conf_set_querypriv_init('string data')",
                                                 .max_length = 64,
@@ -69,9 +82,8 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_querypriv, {.forms = {"SSSSS", "SSSSSI"},
 // kezu_conf_get_querypriv() -> STRING: the file-check string of the rules. Needs no session.
 // kezu_conf_get_querypriv(session) -> STRING: number of registered columns.
 // kezu_conf_get_querypriv(session, index) -> STRING: a rule as one line.
-// kezu_conf_get_querypriv(session, index, field) -> STRING: 0 first type, 1 first pattern, 2 second type, 3 second
-// pattern,
-//   4 action.
+// kezu_conf_get_querypriv(session, index, field) -> STRING: a field of a rule:
+//   0 first type, 1 first pattern, 2 second type, 3 second pattern, 4 action.
 // NULL without a valid session; the error flag for a rule or field that is not there, and for an empty field.
 KEZU_STRING_FUNCTION(kezu_conf_get_querypriv, {.forms = {"", "S", "SI", "SII"},
                                                .usage = "kezu_conf_get_querypriv_init('string data')",
@@ -87,16 +99,12 @@ KEZU_STRING_FUNCTION(kezu_conf_get_querypriv, {.forms = {"", "S", "SI", "SII"},
   }
   switch (args.count()) {
     case 1:
-      return texts.keep(boost::lexical_cast<std::string>(query_priv::size()), buffer);
-    case 2: {
-      const Q7QueryPriv* rule = query_priv::get(args.int32(1));
-      return rule == nullptr ? failed(flags) : texts.keep(boost::lexical_cast<std::string>(*rule), buffer);
-    }
-    case 3: {
-      const std::string text = query_priv::get(args.int32(1), args.int32(2));
-      return text.empty() ? failed(flags) : texts.keep(text, buffer);
-    }
+      return answer(boost::lexical_cast<std::string>(query_priv::size()), buffer, flags);
+    case 2:
+      return answer(ruleLine(args.int32(1)), buffer, flags);
+    case 3:
+      return answer(query_priv::get(args.int32(1), args.int32(2)), buffer, flags);
     default:
-      return failed(flags);
+      return answer("", buffer, flags);
   }
 }

@@ -10,6 +10,11 @@
 
 namespace {
 
+constexpr int kAdded = 1;
+constexpr int kChanged = 2;
+constexpr int kDeleted = 3;
+constexpr int kFull = -2;
+
 int count() {
   return kezu::observe(g_numberOfQueryPriv);
 }
@@ -27,6 +32,7 @@ struct RuleKey {
   int combinedType() const { return type1 + type2 * kSqlTypeCount + kSqlTypeCount; }
 };
 
+// The rule with this key, or null. The caller holds the guard of the table.
 Q7QueryPrivData* find(const RuleKey& key) {
   for (int i = 0; i < count(); ++i) {
     Q7QueryPrivData& entry = g_queryPriv[i];
@@ -38,16 +44,45 @@ Q7QueryPrivData* find(const RuleKey& key) {
   return nullptr;
 }
 
+// Changes the action of the rule, or adds it.
+int store(const RuleKey& key, int priv) {
+  const Q7QueryPrivWriter writer;
+  if (Q7QueryPrivData* found = find(key)) {
+    found->queryPriv.decAction = priv;
+    return kChanged;
+  }
+  Q7QueryPriv rule;
+  rule.queryType = key.type1;
+  rule.p_queryType = key.type2;
+  rule.queryPattern = key.ptn1;
+  rule.p_queryPattern = key.ptn2;
+  rule.decAction = priv;
+  return Q7QueryPriv::insert(rule) == 0 ? kAdded : kFull;
+}
+
+// Takes the rule out of the table, if it is there; the last one moves into its place.
+bool take(const RuleKey& key) {
+  const Q7QueryPrivWriter writer;
+  Q7QueryPrivData* found = find(key);
+  if (found == nullptr) {
+    return false;
+  }
+  Q7QueryPrivData* last = &g_queryPriv[count() - 1];
+  if (found != last) {
+    found->sqlType = last->sqlType;
+    found->queryPriv = std::move(last->queryPriv);
+  }
+  last->queryPriv = Q7QueryPriv();
+  kezu::publish(g_numberOfQueryPriv, count() - 1);
+  return true;
+}
+
 void report(const char* action, const std::string& type1, const std::string& ptn1, const std::string& type2,
             const std::string& ptn2, const std::string& priv) {
   writeAuditEvent(kLogChange,
                   {{"group", "policy"},
                    {"desc", std::string(action) + " QUERY PRIVILEGE: type1[" + type1 + "] ptn1[" + ptn1 + "] type2[" +
                                 type2 + "] ptn2[" + ptn2 + "]" + priv + " query priv setted"}});
-}
-
-std::string privText(int priv) {
-  return " priv[" + std::to_string(priv) + "]";
 }
 
 }  // namespace
@@ -65,43 +100,17 @@ namespace query_priv {
 
 int set(const std::string& type1, const std::string& ptn1, const std::string& type2, const std::string& ptn2,
         int priv) {
-  constexpr int kAdded = 1;
-  constexpr int kChanged = 2;
-  constexpr int kFull = -2;
-
-  const RuleKey key(type1, ptn1, type2, ptn2);
-  if (Q7QueryPrivData* found = find(key)) {
-    found->queryPriv.decAction = priv;
-    report("CHANGE", type1, ptn1, type2, ptn2, privText(priv));
-    return kChanged;
+  const int result = store(RuleKey(type1, ptn1, type2, ptn2), priv);
+  if (result > 0) {
+    report(result == kAdded ? "ADD" : "CHANGE", type1, ptn1, type2, ptn2, " priv[" + std::to_string(priv) + "]");
   }
-  Q7QueryPriv rule;
-  rule.queryType = key.type1;
-  rule.p_queryType = key.type2;
-  rule.queryPattern = ptn1;
-  rule.p_queryPattern = ptn2;
-  rule.decAction = priv;
-  if (Q7QueryPriv::insert(rule) != 0) {
-    return kFull;
-  }
-  report("ADD", type1, ptn1, type2, ptn2, privText(priv));
-  return kAdded;
+  return result;
 }
 
 int remove(const std::string& type1, const std::string& ptn1, const std::string& type2, const std::string& ptn2) {
-  constexpr int kDeleted = 3;
-
-  Q7QueryPrivData* found = find(RuleKey(type1, ptn1, type2, ptn2));
-  if (found == nullptr) {
+  if (!take(RuleKey(type1, ptn1, type2, ptn2))) {
     return 0;
   }
-  Q7QueryPrivData* last = &g_queryPriv[count() - 1];
-  if (found != last) {
-    found->sqlType = last->sqlType;
-    found->queryPriv = std::move(last->queryPriv);
-  }
-  last->queryPriv = Q7QueryPriv();
-  kezu::publish(g_numberOfQueryPriv, count() - 1);
   report("DELETE", type1, ptn1, type2, ptn2, "");
   return kDeleted;
 }
@@ -116,6 +125,7 @@ Q7QueryPriv* get(int index) {
 }
 
 std::string get(int index, int field) {
+  const Q7QueryPrivReader reader;
   const Q7QueryPriv* rule = get(index);
   if (rule == nullptr) {
     return "";

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The query-privilege rules: which action applies to statements of two types whose texts match two patterns. Every
-// operation works on the engine's table in place; nothing here reloads or saves it.
+// operation works on the engine's table in place; nothing here reloads or saves it. Each holds the table's guard
+// (kezu/query_priv.h) for as long as it needs, and none while it writes to the audit log.
 #pragma once
 
 #include <string>
@@ -24,7 +25,7 @@ int remove(const std::string& type1, const std::string& ptn1, const std::string&
 int size();
 
 // The rule at a position, or null. The position just behind the last rule has a record too, an empty or stale one, as
-// long as the table has room for it.
+// long as the table has room for it. The caller holds the table's guard while it calls this and uses the rule.
 Q7QueryPriv* get(int index);
 
 // A field of the rule at a position as text: 0 first type, 1 first pattern, 2 second type, 3 second pattern, 4 action.

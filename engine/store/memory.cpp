@@ -154,6 +154,7 @@ struct Records<UserData> {
 template <>
 struct Records<QueryPrivData> {
   static void capture(QueryPrivData& data) {
+    const Q7QueryPrivReader reader;
     const int count = countOf(g_numberOfQueryPriv, kMaxQueryPrivs);
     for (int i = 0; i < count; ++i) {
       const Q7QueryPriv& rule = g_queryPriv[i].queryPriv;
@@ -180,9 +181,10 @@ struct Records<QueryPrivData> {
   }
 
   static void publish(std::vector<Q7QueryPrivData>& rules) noexcept {
+    const Q7QueryPrivWriter writer;
     const int before = countOf(g_numberOfQueryPriv, kMaxQueryPrivs);
     for (std::size_t i = 0; i < rules.size(); ++i) {
-      kezu::publish(g_queryPriv[i].sqlType, rules[i].sqlType);
+      g_queryPriv[i].sqlType = rules[i].sqlType;
       g_queryPriv[i].queryPriv = std::move(rules[i].queryPriv);
     }
     kezu::publish(g_numberOfQueryPriv, static_cast<int>(rules.size()));

@@ -2,7 +2,6 @@
 #include "kezu/query_priv.h"
 
 #include <climits>
-#include <mutex>
 #include <utility>
 
 #include "engine/tables/pattern_limits.h"
@@ -117,7 +116,6 @@ bool Q7QueryPriv::check(int type, const std::string& statement, int parentType,
 }
 
 int Q7QueryPriv::insert(Q7QueryPriv& rule) {
-  static std::mutex mutex;  // two rules that are appended at once get an entry each
   try {
     Q7QueryPriv copy;
     copy.queryType = rule.queryType;
@@ -127,7 +125,7 @@ int Q7QueryPriv::insert(Q7QueryPriv& rule) {
     copy.decAction = rule.decAction;
     copy.encAction = rule.encAction;
     copy.compileRegex();
-    const std::scoped_lock lock(mutex);
+    const Q7QueryPrivWriter writer;
     const int count = kezu::observe(g_numberOfQueryPriv);
     if (count < 0 || count >= kMaxQueryPrivs) {
       return -1;

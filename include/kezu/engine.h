@@ -10,7 +10,8 @@
 //  - Every text field is a zero-terminated character array whose size includes the terminating zero. Texts are byte
 //    strings, compared exactly and case-sensitively.
 //  - The tables, counters and modes are shared by every thread of the process without a lock. What one thread reads
-//    while another publishes it goes through the operations of kezu/shared.h.
+//    while another publishes it goes through the operations of kezu/shared.h. Only the rules, which are no plain
+//    records, have a guard: kezu/query_priv.h.
 //  - No operation throws. All operations may be called from any thread, from several at once. Nothing is owned by the
 //    caller unless the operation says so, and every out-parameter is the caller's memory.
 //  - Operations that return int return 0 for success unless their comment says otherwise.
@@ -159,8 +160,8 @@ extern "C" {
 
 // The policy table: five slots, of which g_encPolicyArray_flag names the active one. A change builds the whole table in
 // the next slot, stores its count and then the flag; the active slot is not edited in place (switching the key-server
-// mode off is the exception). Handle [s][i] of g_makeKeyArray belongs to record [s][i] of g_encPolicyArray; null means
-// none.
+// mode off is the exception). Handle [s][i] of g_makeKeyArray belongs to record [s][i] of g_encPolicyArray; it may be
+// null.
 extern Q7EncPolicyInfo g_encPolicyArray[kPolicySlots][kMaxPolicies];
 extern BCipherKey g_makeKeyArray[kPolicySlots][kMaxPolicies];
 extern int g_numberOfEncPolicy[kPolicySlots];
@@ -206,8 +207,9 @@ extern const char* const sqlType[kSqlTypeCount];
 // ---------------------------------------------------------------------------------------------------------------------
 // Start and reload
 
-// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. Calling it
-// again, also from several threads at once, does nothing once it has succeeded; after a failure the next call tries
+// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. In
+// Q7_ONLY_KMS_MODE it then fetches the policies as Q7_GetPolicyInfoFromKMS() does; without them it starts too. Calling
+// it again, also from several threads at once, does nothing once it has succeeded; after a failure the next call tries
 // again.
 //   mode     1; any other value is refused.
 //   scratch  null, or kInitScratchSize bytes that receive the engine's version as zero-terminated text.
@@ -253,8 +255,7 @@ int Q7_SaveAccessPrivInfo();
 // Encryption privileges and g_decryptDenyMode. Returns 0; -1 for any failure.
 int Q7_SaveEncPrivInfo();
 
-// Query-privilege rules and g_doubleEncryptMode. Returns 0; 1 for any failure of a caller that compares with 1, which
-// is why this operation never returns -1.
+// Query-privilege rules and g_doubleEncryptMode. Returns 0; 1 for any failure, never -1.
 int Q7_SaveQueryPrivInfo();
 
 // Table-migration records. Returns 0; -1 for any failure.
@@ -282,8 +283,10 @@ int Q7_AddPolicyInfo(Q7EncPolicyInfo& policy, _BCipherKey** key, const char* nam
                      unsigned char* keyBytes, unsigned int keyLength, int encPos, int encLen, int blockMode,
                      int strMode, const char* encFlag);
 
-// Fetches the policies of the key management server into the next slot and publishes them, all or none. Returns 0, or
-// non-zero with the table unchanged: no server configured, not reachable, or an answer that is not valid.
+// Fetches the policies of the key management server into the next slot and publishes them, all or none. The server is
+// that of [kms] in kezu.toml, which is read anew. Returns 0, or non-zero with the table unchanged: no server
+// configured, not reachable, an answer that is not valid, or g_kmsMode changed meanwhile; the audit log says why. Takes
+// at most connect_timeout + 12 * read_timeout, the look-up of a host name aside; other operations go on meanwhile.
 int Q7_GetPolicyInfoFromKMS();
 
 // Compares the policies in use with those of the local file, by content and independent of their order. Returns 0 when
@@ -330,16 +333,16 @@ int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned
 int Q7_DecryptBinaryExt(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
                         Q7EncPolicyInfo* policy, _BCipherKey* key);
 
-// Digest of inLen bytes. out holds at least 64 bytes; outLen receives the digest's length. Returns 0; non-zero (outLen
-// 0) for an unknown algorithm identifier.
+// Digest of inLen bytes. out holds at least 64 bytes; outLen receives the digest's length.
+// Returns 0; non-zero, with outLen 0, for an unknown algorithm identifier.
 int Q7_HashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm);
 int kezuHashBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen,
                    int algorithm);
 
 // HMAC (RFC 2104) of inLen bytes under the policy's HMAC key. out holds at least 64 bytes. `policy` is a record of
-// g_encPolicyArray, or a copy of one. Returns 0; non-zero (outLen 0) for an unknown algorithm identifier or a policy
-// without a key. A record of the table is without a key when its handle in g_makeKeyArray is null, wiped or another
-// policy's.
+// g_encPolicyArray, or a copy of one; one of the table has no key when its handle in g_makeKeyArray is null, wiped or
+// another policy's.
+// Returns 0; non-zero, with outLen 0, for an unknown algorithm identifier or a policy without a key.
 int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char* in, unsigned int inLen, int algorithm,
                    Q7EncPolicyInfo* policy);
 

@@ -18,7 +18,7 @@
 // patterns with a zero byte, and back-references (\1 to \9), which extended expressions don't have.
 //
 // Each object owns the compiled forms of its own patterns: a copy compiles them anew, a move takes them over. Not safe
-// for use by several threads while one of them changes it.
+// for use by several threads while one of them changes it: those of g_queryPriv have the guard below.
 class Q7QueryPriv {
  public:
   Q7QueryPriv();
@@ -39,7 +39,7 @@ class Q7QueryPriv {
 
   // Appends a copy of `rule`, compiled, to g_queryPriv. The entry's key is queryType + p_queryType * 150 + 150. Returns
   // 0; non-zero when the table is full (2000 rules) or memory runs out, with nothing changed. Several threads may
-  // insert at once.
+  // insert at once: it takes the guard as the writer, which the caller may hold as the writer, but not as a reader.
   static int insert(Q7QueryPriv& rule);
 
   // Whether the rule applies to a statement of type `type` with text `statement` that runs inside a statement of type
@@ -61,5 +61,36 @@ class Q7QueryPriv {
   bool compiled_ = false;    // regPtn is valid
   bool p_compiled_ = false;  // p_regPtn is valid
 };
+
+// How a thread uses the rule table: many read it at once, or one changes it.
+enum Q7QueryPrivUse : int { Q7_QUERY_PRIV_READ = 0, Q7_QUERY_PRIV_WRITE = 1 };
+
+extern "C" {
+
+// The guard of the rule table (g_queryPriv and g_numberOfQueryPriv). The other tables are plain words, which
+// kezu/shared.h makes safe to share; a rule owns memory that a change of the table frees, so whoever reads the table
+// holds the guard for reading, and whoever changes it for writing. The engine holds it inside Q7QueryPriv::insert, and
+// in a reload and a save while it replaces and copies the rules.
+//
+// Lock waits until the table can be used so; Unlock, on the same thread and with the same use, ends that. They don't
+// fail. A thread that holds the guard for writing may lock it again, for either use. One that holds it for reading may
+// not, and no thread may call an operation of kezu/engine.h (start, load, reload, save) while it holds the guard, or it
+// may wait for ever. Hold it only while touching the table: not across a log line either.
+void Q7_LockQueryPriv(Q7QueryPrivUse use) noexcept;
+void Q7_UnlockQueryPriv(Q7QueryPrivUse use) noexcept;
+
+}  // extern "C"
+
+// Holds the guard of the rule table as long as it lives.
+template <Q7QueryPrivUse Use>
+class Q7QueryPrivGuard {
+ public:
+  Q7QueryPrivGuard() noexcept { Q7_LockQueryPriv(Use); }
+  Q7QueryPrivGuard(const Q7QueryPrivGuard&) = delete;
+  Q7QueryPrivGuard& operator=(const Q7QueryPrivGuard&) = delete;
+  ~Q7QueryPrivGuard() { Q7_UnlockQueryPriv(Use); }
+};
+using Q7QueryPrivReader = Q7QueryPrivGuard<Q7_QUERY_PRIV_READ>;
+using Q7QueryPrivWriter = Q7QueryPrivGuard<Q7_QUERY_PRIV_WRITE>;
 
 #pragma GCC visibility pop

@@ -91,6 +91,17 @@ bool fieldEquals(const char (&field)[N], std::string_view text) noexcept {
   return at(text.size()) == '\0';
 }
 
+// The text of a zero-terminated text field of a table, in place: what it points to may become another text, never one
+// that is longer than the field.
+template <std::size_t N>
+std::string_view fieldText(const char (&field)[N]) noexcept {
+  std::size_t length = 0;
+  while (length < N && std::atomic_ref(const_cast<char&>(field[length])).load(std::memory_order_relaxed) != '\0') {
+    ++length;
+  }
+  return {field, length};
+}
+
 // Whether `text` can be stored in a field: it leaves room for the terminating zero and has none inside.
 template <std::size_t N>
 bool fieldHolds(const char (&)[N], std::string_view text) noexcept {

@@ -40,8 +40,9 @@ TEST_F(Rules, TypeNumberIsItsPlaceInTheTable) {
 }
 
 TEST_F(Rules, UnknownTypeIsMinusOne) {
-  for (const std::string& name : {std::string(), std::string("Type_zero"), std::string("type_zer"),
-                                  std::string("type_zero "), std::string("SELECT"), bytes("type_zero\0")}) {
+  for (const std::string& name :
+       {std::string(), std::string("Type_zero"), std::string("type_zer"), std::string("type_zero "),
+        std::string("SELECT"), bytes("type_zero\0"), std::string("behind_the_end")}) {
     EXPECT_EQ(parseQueryType(name), -1) << name;
   }
 }
@@ -196,6 +197,14 @@ TEST_F(ThreeRules, RemovingTheMiddleAndTheLastLeavesTheOthers) {
   EXPECT_EQ(query_priv::remove("type_two", "^c", "type_three", "^C"), 3);
   EXPECT_THAT(table(), ElementsAre("300:0/^a/1/^A/1"));
   EXPECT_TRUE(query_priv::get(0)->checkPattern("ax", "Ax"));
+}
+
+TEST_F(ThreeRules, NothingOfTheRemovedRuleStaysBehindTheLast) {
+  const std::string empty = boost::lexical_cast<std::string>(Q7QueryPriv());
+  query_priv::remove("type_two", "^c", "type_three", "^C");
+  EXPECT_EQ(boost::lexical_cast<std::string>(*query_priv::get(2)), empty);
+  query_priv::remove("type_zero", "^a", "type_one", "^A");
+  EXPECT_EQ(boost::lexical_cast<std::string>(*query_priv::get(1)), empty);
 }
 
 TEST_F(ThreeRules, RemovedRuleIsReleasedAndItsPlaceCanBeFilledAgain) {

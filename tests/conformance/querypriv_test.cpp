@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The query-privilege rules in SQL: kezu_conf_set_querypriv and kezu_conf_get_querypriv.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <thread>
@@ -295,6 +296,76 @@ TEST_F(Querypriv, TwoThreadsEachHaveTheirOwnTexts) {
   first.join();
   second.join();
   EXPECT_EQ(torn, 0);
+}
+
+// --- Several connections ---
+
+// Rules whose two patterns are a letter each, longer than what a string keeps in place, and whose action tells it.
+class QueryprivThreads : public Querypriv {
+ protected:
+  static constexpr char kLetters[] = {'a', 'b', 'c', 'd'};
+  static constexpr int kRounds = 100;
+
+  static Key rule(char letter) { return {"type_one", std::string(40, letter), "type_two", std::string(300, letter)}; }
+  static std::string line(char letter) {
+    return "type_one,\"" + std::string(40, letter) + "\",type_two,\"" + std::string(300, letter) + "\"," +
+           std::to_string(letter);
+  }
+
+  // What a reload does that finds one rule in the file.
+  static void replaceTheTable() {
+    Q7QueryPriv only;
+    only.queryType = 1;
+    only.p_queryType = 2;
+    only.queryPattern = rule('a')[1];
+    only.p_queryPattern = rule('a')[3];
+    only.decAction = 'a';
+    const Q7QueryPrivWriter writer;
+    while (g_numberOfQueryPriv > 0) {
+      g_queryPriv[--g_numberOfQueryPriv].queryPriv = Q7QueryPriv();
+    }
+    Q7QueryPriv::insert(only);
+  }
+
+  // Whether a result is a whole rule, the empty slot behind the last one, or none.
+  static bool isWhole(const StringResult& result) {
+    if (result.pointer == nullptr) {
+      return result.error;
+    }
+    const std::string text = result.text();
+    return text == "NULL,\"\",NULL,\"\",0" || std::ranges::any_of(kLetters, [&text](char letter) {
+             return text == line(letter) || text == rule(letter)[3];
+           });
+  }
+};
+
+TEST_F(QueryprivThreads, AddingChangingRemovingListingAndReloadingAtOnceKeepRulesWhole) {
+  std::atomic<int> torn = 0;
+  std::vector<std::thread> threads;
+  for (const char letter : kLetters) {
+    threads.emplace_back([letter, &torn] {
+      for (int i = 0; i < kRounds; ++i) {
+        set(rule(letter), letter);
+        set(rule(letter), letter);
+        torn += isWhole(at(i % 5)) && isWhole(at(i % 5, 3)) ? 0 : 1;
+        remove(rule(letter));
+      }
+    });
+  }
+  threads.emplace_back([] {
+    for (int i = 0; i < kRounds; ++i) {
+      replaceTheTable();
+    }
+  });
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(torn, 0);
+  for (const char letter : kLetters) {
+    EXPECT_GE(remove(rule(letter)).value, 0);
+    EXPECT_EQ(remove(rule(letter)), value(0)) << "no rule is there twice";
+  }
+  EXPECT_EQ(g_numberOfQueryPriv, 0);
 }
 
 // --- Refusals ---

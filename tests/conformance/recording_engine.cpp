@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "recording_engine.h"
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstdio>
 #include <utility>
@@ -127,6 +129,7 @@ void RecordingEngine::clearJournal() {
 }
 
 void RecordingEngine::enter(const std::string& operation, const std::string& arguments) {
+  EXPECT_TRUE(operation == "Q7QueryPriv::insert" || !holdsRuleTable()) << operation;
   std::function<void()> hook;
   {
     const std::scoped_lock lock(mutex_);

@@ -110,7 +110,8 @@ class RecordingEngine {
 
   // --- For the operations themselves ---
 
-  // Writes a call down, then runs its hook.
+  // Writes a call down, then runs its hook. The test fails when the caller holds the rule table, which no operation but
+  // Q7QueryPriv::insert allows.
   void enter(const std::string& operation, const std::string& arguments);
   int resultOf(const std::string& operation, int fallback = 0);
   std::string textOf(const std::string& operation, const std::string& fallback = "") const;
@@ -142,6 +143,9 @@ class RecordingEngine {
   std::deque<_BCipherKey> keys_;
   std::map<BCipherKey, KeyState> key_states_;
 };
+
+// Whether this thread holds the guard of the rule table.
+bool holdsRuleTable();
 
 // A byte string as the journal writes it: in quotes, bytes that are not printable ASCII as \xNN.
 std::string quoted(std::string_view bytes);

@@ -1,14 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Q7QueryPriv as the engine implements it, with insert() recorded.
+// Q7QueryPriv and the guard of the rule table as the engine implements them, with insert() recorded.
 #include "kezu/query_priv.h"
 
+#include <gtest/gtest.h>
+
+#include <shared_mutex>
 #include <utility>
 
 #include "kezu/engine.h"
 #include "recording_engine.h"
 
 namespace {
+
+constinit std::shared_mutex rule_table;
+constinit thread_local int readers = 0;  // how often this thread holds the table for reading
+constinit thread_local int writers = 0;  // how often this thread holds the table for writing
 
 bool matches(bool compiled, const regex_t& pattern, const std::string& text) {
   return compiled && regexec(&pattern, text.c_str(), 0, nullptr, 0) == 0;
@@ -19,6 +26,39 @@ bool compile(regex_t& pattern, const std::string& source) {
 }
 
 }  // namespace
+
+extern "C" {
+
+void Q7_LockQueryPriv(Q7QueryPrivUse use) noexcept {
+  EXPECT_EQ(readers, 0) << "a thread that reads the rule table may wait for itself";
+  if (readers > 0) {
+    ++readers;
+  } else if (writers > 0) {
+    ++writers;
+  } else if (use == Q7_QUERY_PRIV_READ) {
+    rule_table.lock_shared();
+    readers = 1;
+  } else {
+    rule_table.lock();
+    writers = 1;
+  }
+}
+
+void Q7_UnlockQueryPriv(Q7QueryPrivUse /*use*/) noexcept {
+  if (readers > 0) {
+    if (--readers == 0) {
+      rule_table.unlock_shared();
+    }
+  } else if (--writers == 0) {
+    rule_table.unlock();
+  }
+}
+
+}  // extern "C"
+
+bool conformance::holdsRuleTable() {
+  return readers > 0 || writers > 0;
+}
 
 Q7QueryPriv::Q7QueryPriv() : regPtn{}, p_regPtn{} {}
 
@@ -102,6 +142,7 @@ int Q7QueryPriv::insert(Q7QueryPriv& rule) {
                                           conformance::quoted(rule.p_queryPattern) + ", " +
                                           std::to_string(rule.decAction) + ", " + std::to_string(rule.encAction));
   const int result = engine.resultOf("Q7QueryPriv::insert");
+  const Q7QueryPrivWriter writer;
   if (result != 0 || g_numberOfQueryPriv >= kMaxQueryPrivs) {
     return result != 0 ? result : 1;
   }

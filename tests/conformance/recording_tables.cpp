@@ -55,7 +55,8 @@ const char* const Q7EncryptionBlockModeTypeStr[kBlockModeCount] = {
 const char* const Q7EncryptionStrModeStr[kStrModeCount] = {"str zero", "str one", "str two"};
 const char* const Q7DecryptDenyModeStr[kDecryptDenyModeCount] = {"deny zero", "deny one", "deny two", "deny three",
                                                                  "deny four"};
-const char* const sqlType[kSqlTypeCount] = {"type_zero", "type_one", "type_two", "type_three", nullptr};
+const char* const sqlType[kSqlTypeCount] = {"type_zero",  "type_one", "type_two",
+                                            "type_three", nullptr,    "behind_the_end"};
 
 namespace conformance {
 namespace {

@@ -2,7 +2,8 @@
 # shellcheck shell=bash
 #
 # Eight connections encrypt and decrypt for ten seconds, values short and long, one at a time and row by row, while an
-# administrator makes and deletes policies. None ever gets a value that is not its own.
+# administrator makes and deletes policies. None ever gets a value that is not its own. Two more set, list and delete the same
+# query-privilege rules. None ever sees a rule that nobody set.
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
@@ -54,6 +55,27 @@ BEGIN
   END WHILE;
   SELECT changes, failed;
 END//
+-- Two patterns longer than a string keeps in place, of one letter each. Counts rounds and answers that were wrong.
+CREATE PROCEDURE govern(sid VARCHAR(64), me INT, seconds INT)
+BEGIN
+  DECLARE rounds, wrong INT DEFAULT 0;
+  DECLARE until_when DATETIME(6) DEFAULT SYSDATE(6) + INTERVAL seconds SECOND;
+  DECLARE letter CHAR(1);
+  WHILE SYSDATE(6) < until_when DO
+    SET letter = CHAR(97 + (rounds + me) % 2);
+    IF NOT kezu_conf_set_querypriv(sid, 'SELECT', REPEAT(letter, 40), 'NULL', REPEAT(letter, 40), me) IN (1, 2) <=> 1 THEN
+      SET wrong = wrong + 1;
+    END IF;
+    IF NOT kezu_conf_get_querypriv(sid, 0) REGEXP '^(SELECT,"(a{40}",NULL,"a{40}|b{40}",NULL,"b{40})",[12]|NULL,"",NULL,"",0)$' <=> 1 THEN
+      SET wrong = wrong + 1;
+    END IF;
+    IF NOT kezu_conf_set_querypriv(sid, 'SELECT', REPEAT(letter, 40), 'NULL', REPEAT(letter, 40)) IN (0, 3) <=> 1 THEN
+      SET wrong = wrong + 1;
+    END IF;
+    SET rounds = rounds + 1;
+  END WHILE;
+  SELECT rounds, wrong;
+END//
 DELIMITER ;
 SQL
 
@@ -64,8 +86,12 @@ for who in 1 2 3 4 5 6 7 8; do
 done
 value_of "$server" "CALL d.administrate('$sid', $seconds)" >"$run/administrate" 2>&1 &
 jobs+=($!)
+for who in 1 2; do
+  value_of "$server" "CALL d.govern('$sid', $who, $seconds)" >"$run/govern-$who" 2>&1 &
+  jobs+=($!)
+done
 for job in "${jobs[@]}"; do
-  wait "$job" || fail "a connection ended: $(cat "$run"/work-* "$run/administrate")"
+  wait "$job" || fail "a connection ended: $(cat "$run"/work-* "$run"/govern-* "$run/administrate")"
 done
 for who in 1 2 3 4 5 6 7 8; do
   read -r rounds wrong <"$run/work-$who"
@@ -77,3 +103,10 @@ read -r changes failed <"$run/administrate"
 echo "administrator: $changes changes, $failed failed"
 [ "$changes" -gt 0 ] || fail 'the administrator did nothing'
 expect_equal 'failed changes' 0 "$failed"
+for who in 1 2; do
+  read -r rounds wrong <"$run/govern-$who"
+  echo "governor $who: $rounds rounds, $wrong wrong"
+  [ "$rounds" -gt 0 ] || fail "governor $who did nothing"
+  expect_equal "wrong answers of governor $who" 0 "$wrong"
+done
+expect_equal 'rules left' 'NULL,"",NULL,"",0' "$(value_of "$server" "SELECT kezu_conf_get_querypriv('$sid', 0)")"
