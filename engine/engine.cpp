@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The exported operations on the configuration: start, load, reload and save. They share one store under one lock,
-// which no operation on a row's path takes.
+// which no operation on a row's path takes. The guard of changes, where it is needed, is taken before that lock.
 #include <fmt/format.h>
 #include <sys/mman.h>
 
@@ -16,6 +16,7 @@
 
 #include "engine/kms/kms.h"
 #include "engine/store/store.h"
+#include "kezu/change.h"
 #include "kezu/engine.h"
 #include "logging/log_config.h"
 #include "logw/logw.h"
@@ -65,6 +66,13 @@ int guarded(int failure, const Body& body) noexcept {
   } catch (...) {
     return failure;
   }
+}
+
+// The same for one that replaces or captures whole tables: not in the middle of another thread's change.
+template <typename Body>
+int betweenChanges(int failure, const Body& body) noexcept {
+  const kezu::ConfigurationChange change;
+  return guarded(failure, body);
 }
 
 // Keeps keys and passwords out of core dumps. A kernel that can't leaves everything else as it is.
@@ -135,7 +143,7 @@ int initialize(Engine& engine, unsigned int mode, char* message) {
 
 template <typename Reload>
 int reload(const Reload& operation) noexcept {
-  return guarded(-1, [&operation](Engine& engine) {
+  return betweenChanges(-1, [&operation](Engine& engine) {
     if (!engine.store) {
       return -1;
     }
@@ -155,7 +163,7 @@ struct SaveCodes {
 };
 
 int save(TableId id, SaveCodes codes) noexcept {
-  return guarded(codes.failure, [id, codes](Engine& engine) {
+  return betweenChanges(codes.failure, [id, codes](Engine& engine) {
     if (!engine.store) {
       return codes.failure;
     }
@@ -223,7 +231,7 @@ int Q7_SaveUserInfo() {
 }
 
 int Q7_GetPolicyInfoFromKMS() {
-  return guarded(-1, [](Engine& engine) {
+  return betweenChanges(-1, [](Engine& engine) {
     if (!engine.store) {
       return -1;
     }
@@ -238,7 +246,7 @@ int Q7_GetPolicyInfoFromKMS() {
 }
 
 int compareLocalAndKMSPolicy() {
-  return guarded(-1, [](Engine& engine) {
+  return betweenChanges(-1, [](Engine& engine) {
     if (!engine.store) {
       return -1;
     }
