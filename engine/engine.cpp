@@ -18,6 +18,7 @@
 #include "engine/store/store.h"
 #include "kezu/change.h"
 #include "kezu/engine.h"
+#include "kezu/shared.h"
 #include "logging/log_config.h"
 #include "logw/logw.h"
 
@@ -32,6 +33,8 @@ struct Engine {
   std::mutex mutex;
   std::unique_ptr<Store> store;  // null until the engine runs
   std::string fault;             // what the last start or reload failed with, empty when it succeeded
+  unsigned long fetches = 0;     // fetches of policies that were begun, the number of the last one
+  unsigned long fetched = 0;     // number of the fetch whose policies were published last
 };
 
 // Whether the engine runs, for callers that only want to know that.
@@ -118,6 +121,62 @@ std::string forServer(const std::string& text) {
   return "..." + text.substr(path - kPathShare + 3);
 }
 
+// Takes policies that were fetched into use. The caller holds the lock. A fetch that was begun later and ended earlier
+// has the newer policies: those stay.
+void take(Engine& engine, engine::PreparedPolicies& policies, unsigned long number) {
+  if (number > engine.fetched) {
+    engine.fetched = number;
+    policies.publish();
+    engine.store->acceptMemory(TableId::policy);
+  }
+}
+
+int fetchFailed(const Error& error) {
+  report("No policies were fetched: " + error.text);
+  return -1;
+}
+
+// Policies that are kept in memory only come from the server at every start. Without an answer the engine runs, with no
+// policies: kezu_conf_get_policy_for_kms() tries again.
+void fetchAtStart(Engine& engine) noexcept {
+  if (kezu::observe(g_kmsMode) != Q7_ONLY_KMS_MODE) {
+    return;
+  }
+  try {
+    auto policies = engine::kms::fetchPolicies(engine.store->files(), engine.store->home().directory);
+    if (policies.ok()) {
+      take(engine, policies.value(), ++engine.fetches);
+    } else {
+      fetchFailed(policies.error());
+    }
+  } catch (...) {  // out of memory: as without an answer
+  }
+}
+
+// The same while the engine runs: neither the lock nor the guard of changes is held while the server is waited for.
+int fetchPolicies(Engine& engine) {
+  std::unique_lock lock(engine.mutex);
+  if (!engine.store) {
+    return -1;
+  }
+  const Q7KmsMode mode = kezu::observe(g_kmsMode);
+  const unsigned long number = ++engine.fetches;
+  engine::store::FileSystem& files = engine.store->files();
+  const std::string directory = engine.store->home().directory;
+  lock.unlock();
+  auto policies = engine::kms::fetchPolicies(files, directory);
+  const kezu::ConfigurationChange change;
+  lock.lock();
+  if (!policies.ok()) {
+    return fetchFailed(policies.error());
+  }
+  if (kezu::observe(g_kmsMode) != mode) {
+    return fetchFailed({Error::Kind::conflict, "the key-server mode was changed in the meantime"});
+  }
+  take(engine, policies.value(), number);
+  return 0;
+}
+
 int initialize(Engine& engine, unsigned int mode, char* message) {
   if (mode != 1) {
     giveText(message, kInitMessageSize, fmt::format("The engine has no mode {}.", mode));
@@ -137,6 +196,7 @@ int initialize(Engine& engine, unsigned int mode, char* message) {
     return 1;
   }
   engine.fault.clear();
+  fetchAtStart(engine);
   running.store(true, std::memory_order_release);
   return 0;
 }
@@ -231,18 +291,11 @@ int Q7_SaveUserInfo() {
 }
 
 int Q7_GetPolicyInfoFromKMS() {
-  return betweenChanges(-1, [](Engine& engine) {
-    if (!engine.store) {
-      return -1;
-    }
-    const Status status = engine::kms::fetchPolicies(engine.store->home());
-    if (!status.ok()) {
-      report(status.error().text);
-      return -1;
-    }
-    engine.store->acceptMemory(TableId::policy);
-    return 0;
-  });
+  try {
+    return fetchPolicies(shared());
+  } catch (...) {
+    return -1;
+  }
 }
 
 int compareLocalAndKMSPolicy() {

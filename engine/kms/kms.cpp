@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/kms/kms.h"
 
-#include <algorithm>
+#include <fmt/format.h>
 
-#include "engine/policy/policy_slots.h"
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "engine/kms/client.h"
+#include "engine/kms/messages.h"
 #include "engine/store/codec.h"
 
 namespace engine::kms {
@@ -20,12 +25,76 @@ std::vector<cipher::SecretBytes> contentsOf(const Policies& policies) {
   return contents;
 }
 
+// Text of the record's name, for messages.
+std::string nameOf(const Q7EncPolicyInfo& policy) {
+  return {policy.policyID, strnlen(policy.policyID, sizeof policy.policyID)};
+}
+
+store::Error refused(const store::KmsSettings& settings, const std::string& reason) {
+  return {store::Error::Kind::invalid, "key management server " + shownText(settings.host) + ": " + reason};
+}
+
+// Why keys can't be a policy table, empty when they can.
+std::string identifiersFault(std::vector<std::string> identifiers) {
+  if (identifiers.size() > static_cast<std::size_t>(kMaxPolicies)) {
+    return fmt::format("it has more than {} policies", kMaxPolicies);
+  }
+  std::sort(identifiers.begin(), identifiers.end());
+  const auto twice = std::adjacent_find(identifiers.begin(), identifiers.end());
+  return twice == identifiers.end() ? std::string() : "it lists key '" + shownText(*twice) + "' twice";
+}
+
+// The same for the names of policies.
+std::string namesFault(const Policies& policies) {
+  std::vector<std::string> names;
+  std::transform(policies.begin(), policies.end(), std::back_inserter(names), nameOf);
+  std::sort(names.begin(), names.end());
+  const auto twice = std::adjacent_find(names.begin(), names.end());
+  return twice == names.end() ? std::string() : "it has two policies named '" + *twice + "'";
+}
+
+store::Result<Policies> readAll(const store::KmsSettings& settings) {
+  auto client = Client::connect(settings);
+  if (!client.ok()) {
+    return client.error();
+  }
+  const auto identifiers = client.value().locate(kMaxPolicies + 1);
+  if (!identifiers.ok()) {
+    return identifiers.error();
+  }
+  if (const std::string fault = identifiersFault(identifiers.value()); !fault.empty()) {
+    return refused(settings, fault);
+  }
+  auto policies = client.value().readPolicies(identifiers.value(), WithKeys::yes);
+  if (!policies.ok()) {
+    return policies.error();
+  }
+  if (const std::string fault = namesFault(policies.value()); !fault.empty()) {
+    return refused(settings, fault);
+  }
+  return policies;
+}
+
 }  // namespace
 
-store::Status fetchPolicies(const store::Home& home) {
-  return store::Error{store::Error::Kind::invalid,
-                      "No policies were fetched: " + store::shownPath(home.file(store::kSettingsFile)) +
-                          " names no key management server."};
+store::Result<PreparedPolicies> fetchPolicies(store::FileSystem& files, const std::string& directory) {
+  const auto home = store::readSettings(files, directory);
+  if (!home.ok()) {
+    return home.error();
+  }
+  if (!home.value().kms) {
+    return store::Error{store::Error::Kind::invalid, store::shownPath(home.value().file(store::kSettingsFile)) +
+                                                         " names no key management server; add [kms] to it"};
+  }
+  auto policies = readAll(*home.value().kms);
+  if (!policies.ok()) {
+    return policies.error();
+  }
+  auto prepared = PreparedPolicies::prepare(std::move(policies.value()));
+  if (!prepared) {
+    return refused(*home.value().kms, "the key of a policy can't be created");
+  }
+  return std::move(*prepared);
 }
 
 store::Result<Comparison> compareWithFile(const store::Store& store) {

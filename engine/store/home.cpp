@@ -2,13 +2,13 @@
 #include "engine/store/home.h"
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 
 #include "engine/store/envelope.h"
+#include "engine/store/toml_values.h"
 
 namespace engine::store {
 namespace {
@@ -18,10 +18,6 @@ constexpr mode_t kGroupAndOthers = S_IRWXG | S_IRWXO;
 
 Error invalid(const std::string& path, const std::string& reason) {
   return {Error::Kind::invalid, shownPath(path) + ": " + reason};
-}
-
-Error invalid(const std::string& path, const toml::source_region& where, const std::string& reason) {
-  return invalid(path, fmt::format("line {}: {}", where.begin.line, reason));
 }
 
 Status checkDirectory(FileSystem& files, const std::string& directory) {
@@ -55,23 +51,12 @@ Status checkDirectory(FileSystem& files, const std::string& directory) {
   return {};
 }
 
-// One key of a table of kezu.toml: the value must be a text that is a path.
-Status readPath(const toml::node& value, const std::string& source, const std::string& key,
-                const std::string& directory, std::string& path) {
-  const auto text = value.value_exact<std::string>();
-  if (!text || text->empty() || text->find('\0') != std::string::npos) {
-    return invalid(source, value.source(), "'" + key + "' must be a path in quotes");
-  }
-  path = text->front() == '/' ? *text : directory + "/" + *text;
-  return {};
-}
-
 Status readPaths(const toml::table& paths, const std::string& source, Home& home) {
   for (const auto& [key, value] : paths) {
     const std::string name(key.str());
     std::string* path = name == "master_key" ? &home.masterKey : name == "log" ? &home.log : nullptr;
     if (path == nullptr) {
-      return invalid(source, key.source(), "unknown setting 'paths." + name + "'");
+      return invalidSetting(source, key.source(), "unknown setting 'paths." + name + "'");
     }
     if (Status status = readPath(value, source, "paths." + name, home.directory, *path); !status.ok()) {
       return status;
@@ -83,13 +68,15 @@ Status readPaths(const toml::table& paths, const std::string& source, Home& home
 Status readTables(const toml::table& settings, const std::string& source, Home& home) {
   for (const auto& [key, value] : settings) {
     const std::string name(key.str());
-    if (name != "paths") {
-      return invalid(source, key.source(), "unknown setting '" + name + "'");
+    if (name != "paths" && name != "kms") {
+      return invalidSetting(source, key.source(), "unknown setting '" + name + "'");
     }
     if (!value.is_table()) {
-      return invalid(source, value.source(), "'paths' must be a table: [paths]");
+      return invalidSetting(source, value.source(), fmt::format("'{0}' must be a table: [{0}]", name));
     }
-    if (Status status = readPaths(*value.as_table(), source, home); !status.ok()) {
+    const Status status = name == "paths" ? readPaths(*value.as_table(), source, home)
+                                          : readKms(*value.as_table(), source, home.directory, home.kms.emplace());
+    if (!status.ok()) {
       return status;
     }
   }
@@ -123,6 +110,20 @@ bool decodeHex(const cipher::SecretBytes& text, cipher::SecretBytes& bytes) {
 
 }  // namespace
 
+Error invalidSetting(const std::string& source, const toml::source_region& where, const std::string& reason) {
+  return invalid(source, fmt::format("line {}: {}", where.begin.line, reason));
+}
+
+Status readPath(const toml::node& value, const std::string& source, const std::string& key,
+                const std::string& directory, std::string& path) {
+  const auto text = value.value_exact<std::string>();
+  if (!text || text->empty() || text->find('\0') != std::string::npos) {
+    return invalidSetting(source, value.source(), "'" + key + "' must be a path in quotes");
+  }
+  path = text->front() == '/' ? *text : directory + "/" + *text;
+  return {};
+}
+
 std::string configuredHome() {
   const char* home = std::getenv("KEZU_HOME");
   return home != nullptr && *home != '\0' ? home : kDefaultHome;
@@ -144,7 +145,7 @@ Result<Home> openHome(FileSystem& files, const std::string& directory) {
 }
 
 Result<Home> readSettings(FileSystem& files, const std::string& directory) {
-  Home home{directory, directory + "/" + kMasterKeyFile, directory + "/" + kLogFolder};
+  Home home{directory, directory + "/" + kMasterKeyFile, directory + "/" + kLogFolder, std::nullopt};
   const std::string source = home.file(kSettingsFile);
   auto image = readFile(files, source, kMaxSettingsSize, Links::follow);
   if (!image.ok()) {
@@ -159,7 +160,7 @@ Result<Home> readSettings(FileSystem& files, const std::string& directory) {
       return status.error();
     }
   } catch (const toml::parse_error& error) {
-    return invalid(source, error.source(), std::string(error.description().substr(0, 100)));
+    return invalidSetting(source, error.source(), std::string(error.description().substr(0, 100)));
   }
   return home;
 }

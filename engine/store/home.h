@@ -3,9 +3,11 @@
 // The configuration home: where it is, whether it can be trusted, and what kezu.toml says.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "engine/store/files.h"
+#include "engine/store/kms_settings.h"
 
 namespace engine::store {
 
@@ -18,8 +20,9 @@ inline constexpr const char* kLogFolder = "log";
 // A home whose checks passed.
 struct Home {
   std::string directory;
-  std::string masterKey;  // path of the master key's file
-  std::string log;        // folder of the logs
+  std::string masterKey;           // path of the master key's file
+  std::string log;                 // folder of the logs
+  std::optional<KmsSettings> kms;  // nothing where no key management server is configured
 
   std::string file(std::string_view name) const { return directory + "/" + std::string(name); }
 };
@@ -37,6 +40,16 @@ Result<Home> openHome(FileSystem& files, const std::string& directory);
 //   [paths]
 //   master_key = "master.key"   # the master key, for instance on another medium
 //   log = "log"                 # folder of the logs
+//
+//   [kms]                       # the key management server; the first four settings must be there
+//   host = "kms.example"        # name or address
+//   ca = "kms-ca.pem"           # authorities that may have issued the server's certificate
+//   certificate = "kms-client.pem"
+//   key = "kms-client.key"      # closed to group and others, without a password
+//   port = 5696
+//   connect_timeout = 3         # seconds, 0.01 to 3600
+//   read_timeout = 5            # seconds, 0.01 to 3600
+//   object_group = "orvanta"    # 1 to 255 bytes; without it, all active symmetric keys are taken for policies
 Result<Home> readSettings(FileSystem& files, const std::string& directory);
 
 // Reads the master key: 64 hexadecimal digits, and perhaps a line end. The file must be closed to group and others.

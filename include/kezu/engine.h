@@ -208,8 +208,9 @@ extern const char* const sqlType[kSqlTypeCount];
 // ---------------------------------------------------------------------------------------------------------------------
 // Start and reload
 
-// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. Calling it
-// again, also from several threads at once, does nothing once it has succeeded; after a failure the next call tries
+// Starts the engine: opens the configuration home (KEZU_HOME, else /var/lib/kezu) and loads every table. In
+// Q7_ONLY_KMS_MODE it then fetches the policies as Q7_GetPolicyInfoFromKMS() does; without them it starts too. Calling
+// it again, also from several threads at once, does nothing once it has succeeded; after a failure the next call tries
 // again.
 //   mode     1; any other value is refused.
 //   scratch  null, or kInitScratchSize bytes that receive the engine's version as zero-terminated text.
@@ -284,9 +285,11 @@ int Q7_AddPolicyInfo(Q7EncPolicyInfo& policy, _BCipherKey** key, const char* nam
                      unsigned char* keyBytes, unsigned int keyLength, int encPos, int encLen, int blockMode,
                      int strMode, const char* encFlag);
 
-// Fetches the policies of the key management server into the next slot and publishes them, all or none. Changes
-// (kezu/change.h) wait for the publishing, not for the fetching. Returns 0, or non-zero with the table unchanged: no
-// server configured, not reachable, or an answer that is not valid.
+// Fetches the policies of the key management server into the next slot and publishes them, all or none. The server is
+// that of [kms] in kezu.toml, which is read anew. Returns 0, or non-zero with the table unchanged: no server
+// configured, not reachable, an answer that is not valid, or g_kmsMode changed meanwhile; the audit log says why. Takes
+// at most connect_timeout + 12 * read_timeout, the look-up of a host name aside; other operations and changes
+// (kezu/change.h) go on meanwhile, and wait only while the policies are published.
 int Q7_GetPolicyInfoFromKMS();
 
 // Compares the policies in use with those of the local file, by content and independent of their order. Returns 0 when

@@ -1,0 +1,319 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Connections to a key management server that go wrong: no server, a server that hangs, certificates that don't fit.
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+
+#include <csignal>
+
+#include "engine/kms/client.h"
+#include "engine/store/home.h"
+#include "fault/kms_fixture.h"
+#include "kezu/shared.h"
+
+namespace kms_test {
+namespace {
+
+using Accept = Script::Accept;
+using namespace std::chrono_literals;
+
+constexpr Limits kShort{.connect = 0.3, .read = 0.3};
+
+class KmsConnectionTest : public KmsTest {
+ protected:
+  static engine::store::KmsSettings settings() {
+    const auto home = engine::store::readSettings(engine::store::machineFiles(), directory());
+    EXPECT_TRUE(home.ok()) << home.error().text;
+    return home.value().kms.value_or(engine::store::KmsSettings{});
+  }
+};
+
+TEST_F(KmsConnectionTest, NoServerNamed) {
+  usePolicies();
+  store_test::writeText(directory() / "kezu.toml", "");
+  expectRefused({"kezu.toml", "names no key management server"});
+  store_test::writeText(directory() / "kezu.toml", "[kms]\nhost = 5\n");
+  expectRefused({"kezu.toml", "line 2", "kms.host"});
+}
+
+TEST_F(KmsConnectionTest, Absent) {
+  usePolicies();
+  int port = 0;
+  {
+    const Peer gone;
+    port = gone.port();
+  }
+  configure(port);
+  expectRefused({"127.0.0.1", std::to_string(port), "Connection refused"});
+  configure(port, {}, "no-such-host.invalid");
+  expectRefused({"no-such-host.invalid", "its address can't be found"});
+}
+
+TEST_F(KmsConnectionTest, ClosesAtOnce) {
+  usePolicies();
+  play(Script{.accept = Accept::close});
+  expectRefused({"127.0.0.1"});
+}
+
+TEST_F(KmsConnectionTest, AcceptsAndKeepsSilent) {
+  usePolicies();
+  play(Script{.accept = Accept::keepSilent}, kShort);
+  expectRefused({"no TLS connection within connect_timeout, 0.3 s"});
+}
+
+// The kernel takes the connection, and nobody ever looks at it.
+TEST_F(KmsConnectionTest, NeverAccepts) {
+  usePolicies();
+  const Peer listening;
+  configure(listening.port(), kShort);
+  expectRefused({"no TLS connection within connect_timeout, 0.3 s"});
+}
+
+TEST_F(KmsConnectionTest, DoesNotAnswer) {
+  usePolicies();
+  Peer& peer = play(Script{.reply = [](const Wire&) { return Wire(); }}, {.connect = 60, .read = 0.3});
+  expectRefused({"no whole answer within read_timeout, 0.3 s"});
+  EXPECT_EQ(1, peer.requests());
+}
+
+// Each byte comes well within the limit, all of them do not.
+TEST_F(KmsConnectionTest, TricklesItsAnswer) {
+  usePolicies();
+  play(Script{.reply = somePolicies(3), .trickle = 20ms}, {.connect = 60, .read = 0.5});
+  expectRefused({"no whole answer within read_timeout, 0.5 s"});
+}
+
+// Every answer is in time, and there is no end to the answers that are needed.
+TEST_F(KmsConnectionTest, ManySlowAnswersAreBoundedTogether) {
+  usePolicies();
+  const Keys keys = somePolicies(2000);
+  Peer& peer = play(Script{.reply =
+                               [keys](const Wire& request) {
+                                 const auto operations = operationsOf(request);
+                                 if (operations.size() > 1) {
+                                   return refusal(0x02, "too large");
+                                 }
+                                 const auto operation = operations[0].operation;
+                                 if (operation == 0x0a || operation == 0x0b) {
+                                   std::this_thread::sleep_for(100ms);
+                                 }
+                                 return keys(request);
+                               }},
+                    {.connect = 60, .read = 1});
+  expectRefused({"no whole answer within read_timeout"});
+  EXPECT_LT(peer.requests(), 200);
+}
+
+TEST_F(KmsConnectionTest, ClosesInTheMiddleOfAnAnswer) {
+  usePolicies();
+  for (const std::size_t sent : {std::size_t{1}, std::size_t{7}, std::size_t{8}, std::size_t{100}}) {
+    const Keys keys = somePolicies(3);
+    play(Script{.reply = [keys, sent](const Wire& request) { return keys(request).substr(0, sent); },
+                .closeAfterReply = true});
+    expectRefused({"it closed the connection"});
+  }
+}
+
+// The answer is whole but for what its length promises: the rest is waited for, and not for ever.
+TEST_F(KmsConnectionTest, TruncatedAnswerThatNeverEnds) {
+  usePolicies();
+  const Keys keys = somePolicies(3);
+  play(Script{.reply =
+                  [keys](const Wire& request) {
+                    const Wire whole = keys(request);
+                    return whole.substr(0, whole.size() - 8);
+                  },
+              .stallAfterReply = true},
+       {.connect = 60, .read = 0.3});
+  expectRefused({"no whole answer within read_timeout"});
+}
+
+// Certificates
+
+TEST_F(KmsConnectionTest, ExpiredCertificate) {
+  usePolicies();
+  const Identity& authority = Authority::instance().authority;
+  const Identity expired =
+      issue({.name = "server", .alternative = "IP:127.0.0.1", .from = -7200, .to = -3600}, &authority);
+  Peer& peer = play(Script{.reply = somePolicies(1)}, {}, expired);
+  expectRefused({"its certificate is not accepted", "expired"});
+  EXPECT_EQ(0, peer.requests());
+}
+
+TEST_F(KmsConnectionTest, CertificateThatIsNotValidYet) {
+  usePolicies();
+  const Identity& authority = Authority::instance().authority;
+  const Identity early = issue({.name = "server", .alternative = "IP:127.0.0.1", .from = 3600}, &authority);
+  play(Script{.reply = somePolicies(1)}, {}, early);
+  expectRefused({"its certificate is not accepted", "not yet valid"});
+}
+
+TEST_F(KmsConnectionTest, CertificateOfAForeignAuthority) {
+  usePolicies();
+  const Identity foreign = issue({.name = "test authority", .alternative = "", .authority = true});
+  const Identity server = issue({.name = "server", .alternative = "IP:127.0.0.1"}, &foreign);
+  play(Script{.reply = somePolicies(1)}, {}, server);
+  expectRefused({"its certificate is not accepted"});
+  const Identity itself = issue({.name = "server", .alternative = "IP:127.0.0.1"});
+  play(Script{.reply = somePolicies(1)}, {}, itself);
+  expectRefused({"its certificate is not accepted", "self"});
+}
+
+TEST_F(KmsConnectionTest, CertificateOfAnotherHost) {
+  usePolicies();
+  const Identity& authority = Authority::instance().authority;
+  const Identity other = issue({.name = "127.0.0.1", .alternative = "DNS:kms.example,IP:127.0.0.2"}, &authority);
+  Peer& peer = play(Script{.reply = somePolicies(1)}, {}, other);
+  expectRefused({"its certificate is not accepted", "IP address mismatch"});
+  configure(peer.port(), {}, "localhost");
+  expectRefused({"its certificate is not accepted", "ostname mismatch"});
+  EXPECT_EQ(0, peer.requests());
+}
+
+TEST_F(KmsConnectionTest, HostByItsName) {
+  Peer& peer = play(somePolicies(2));
+  configure(peer.port(), {}, "localhost");
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+}
+
+TEST_F(KmsConnectionTest, ForeignClientCertificate) {
+  usePolicies();
+  const Identity foreign = issue({.name = "test authority", .alternative = "", .authority = true});
+  play(Script{.reply = somePolicies(1)}, {}, Authority::instance().server, foreign);
+  expectRefused({"127.0.0.1"});
+  EXPECT_EQ(0, peer_->requests());
+}
+
+TEST_F(KmsConnectionTest, FilesThatAreMissingOrNotWhatTheyShouldBe) {
+  usePolicies();
+  Peer& peer = play(somePolicies(1));
+  const auto broken = [&](const char* file, const std::string& text, const std::vector<std::string>& words) {
+    configure(peer.port());
+    if (text.empty()) {
+      fs::remove(directory() / file);
+    } else {
+      store_test::writeText(directory() / file, text);
+    }
+    expectRefused(words);
+  };
+  for (const char* file : {"ca.pem", "client.pem", "client.key"}) {
+    broken(file, "", {file, "missing"});
+  }
+  broken("ca.pem", "nothing\n", {"ca.pem", "no certificate"});
+  broken("client.pem", "nothing\n", {"client.pem", "no certificate"});
+  broken("client.key", "nothing\n", {"client.key", "no private key"});
+  configure(peer.port());
+  writeKey(Authority::instance().server, directory() / "client.key");
+  expectRefused({"client.key", "not the private key of the certificate"});
+  configure(peer.port());
+  fs::permissions(directory() / "client.key", fs::perms::owner_all | fs::perms::group_read);
+  expectRefused({"client.key", "open to other users"});
+  configure(peer.port());
+  EXPECT_EQ(0, peer.connections());
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+}
+
+// A key with a password would make OpenSSL ask for it at the terminal.
+TEST_F(KmsConnectionTest, KeyWithAPassword) {
+  usePolicies();
+  Peer& peer = play(somePolicies(1));
+  configure(peer.port());
+  FILE* file = std::fopen((directory() / "client.key").c_str(), "w");
+  ASSERT_NE(nullptr, file);
+  const unsigned char password[] = "secret";
+  ASSERT_EQ(1, PEM_write_PrivateKey(file, Authority::instance().client.key.get(), EVP_aes_256_cbc(), password, 6,
+                                    nullptr, nullptr));
+  std::fclose(file);
+  expectRefused({"client.key", "without a password"});
+}
+
+TEST_F(KmsConnectionTest, OldTls) {
+  usePolicies();
+  play(Script{.reply = somePolicies(1), .newestTls = TLS1_1_VERSION});
+  expectRefused({"TLS failed"});
+  play(Script{.reply = somePolicies(1), .newestTls = TLS1_2_VERSION});
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+}
+
+// What the process must not notice
+
+std::atomic<int> pipeSignals{0};
+
+TEST_F(KmsConnectionTest, AClosedConnectionRaisesNoSignal) {
+  struct sigaction count = {};
+  struct sigaction before = {};
+  count.sa_handler = [](int) { ++pipeSignals; };
+  ASSERT_EQ(0, sigaction(SIGPIPE, &count, &before));
+  Peer& peer = play(Script{.reply = somePolicies(1), .closeAfterReply = true});
+  configure(peer.port());
+  auto client = engine::kms::Client::connect(settings());
+  ASSERT_TRUE(client.ok()) << client.error().text;
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(client.value().locate(1).ok());
+  }
+  sigaction(SIGPIPE, &before, nullptr);
+  EXPECT_EQ(0, pipeSignals);
+}
+
+TEST_F(KmsConnectionTest, LeavesNoOpenSslErrorsAndNoDescriptors) {
+  const auto descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  usePolicies();
+  const Identity foreign = issue({.name = "other", .alternative = "", .authority = true});
+  play(Script{.reply = somePolicies(1)}, {}, foreign);
+  const auto before = descriptors();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(-1, Q7_GetPolicyInfoFromKMS());
+    EXPECT_EQ(0u, ERR_peek_error());
+  }
+  // The peer's own end may still be open for a moment.
+  EXPECT_LE(descriptors(), before + 1);
+  play(somePolicies(1));
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS());
+  EXPECT_EQ(0u, ERR_peek_error());
+}
+
+// Other statements go on while the server is waited for: here one that the server itself waits for.
+TEST_F(KmsConnectionTest, OtherOperationsRunDuringAFetch) {
+  const Keys keys = somePolicies(2);
+  std::atomic<int> reloads{0};
+  play(Script{.reply = [&, keys](const Wire& request) {
+    reloads += Q7_ReloadAllInfoIfChanged() == 0 && Q7_SavePolicyInfo() == 0 && kezuInitialize(1, nullptr, nullptr) == 0;
+    return keys(request);
+  }});
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+  EXPECT_EQ(3, reloads);
+}
+
+TEST_F(KmsConnectionTest, AModeThatChangesDuringAFetchWins) {
+  usePolicies();
+  const Keys keys = somePolicies(2);
+  play(Script{.reply = [keys](const Wire& request) {
+    kezu::publish(g_kmsMode, Q7_CACHED_KMS_MODE);
+    return keys(request);
+  }});
+  expectRefused({"mode was changed in the meantime"});
+}
+
+TEST_F(KmsConnectionTest, TheNewerOfTwoFetchesStays) {
+  const Keys older = somePolicies(1);
+  const Keys newer = somePolicies(3);
+  std::atomic<int> fetches{0};
+  Peer second;
+  second.start(Script{.reply = newer}, Authority::instance().server, Authority::instance().authority);
+  play(Script{.reply = [&, older](const Wire& request) {
+    if (operationsOf(request).size() > 1 && fetches++ == 0) {
+      configure(second.port());
+      EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+    }
+    return older(request);
+  }});
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+  EXPECT_EQ(3u, names().size());
+}
+
+}  // namespace
+}  // namespace kms_test
