@@ -44,7 +44,6 @@ static_assert(std::is_trivially_copyable_v<KeyData> && sizeof(KeyData) % sizeof(
 constexpr std::size_t kDataWords = sizeof(KeyData) / sizeof(std::uint64_t);
 constexpr std::size_t kBindingSizeWord = offsetof(KeyData, bindingSize) / sizeof(std::uint64_t);
 constexpr std::size_t kBindingWord = offsetof(KeyData, binding) / sizeof(std::uint64_t);
-constexpr std::size_t kBindingWords = kMaxBindingSize / sizeof(std::uint64_t);
 static_assert(offsetof(KeyData, binding) % sizeof(std::uint64_t) == 0 && kMaxBindingSize % sizeof(std::uint64_t) == 0);
 
 }  // namespace

@@ -45,8 +45,16 @@ Status keepOld(FileSystem& files, const std::string& path) {
 
 }  // namespace
 
+Status deriveKeyRing(TableKeyRing& keys, const MasterKeys& masterKeys, const Table& table) {
+  const bool done =
+      deriveTableKeys(keys.current, masterKeys.current, table.name()) &&
+      (masterKeys.previous.empty() || deriveTableKeys(keys.previous.emplace(), masterKeys.previous, table.name()));
+  return done ? Status()
+              : Error{Error::Kind::system, "the keys of the configuration files can't be derived: OpenSSL failed"};
+}
+
 Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table,
-                                 const TableKeys& keys) {
+                                 const TableKeyRing& keys) {
   auto image = readFile(files, path, kMaxFileSize, Links::refuse);
   if (!image.ok()) {
     return image.error();
@@ -54,31 +62,40 @@ Result<TableImage> openTableFile(FileSystem& files, const std::string& path, con
   if (Status status = checkPrivate(image.value().status, path); !status.ok()) {
     return status.error();
   }
-  auto payload = openPayload(image.value().bytes, table.name(), keys);
+  auto payload = openPayload(image.value().bytes, table.name(), keys.current);
+  if (!payload.ok() && keys.previous) {
+    if (auto older = openPayload(image.value().bytes, table.name(), *keys.previous); older.ok()) {
+      payload = std::move(older);
+    }
+  }
   if (!payload.ok()) {
     return at(path, payload.error());
   }
-  std::string check = fileCheckString(payload.value(), keys);
+  std::string check = fileCheckString(payload.value(), keys.current);
   return TableImage{std::move(payload.value()), identityOf(image.value().status), std::move(check)};
 }
 
 Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {
-  auto master = readMasterKey(files, home.masterKey);
+  const auto master = readMasterKeys(files, home.masterKey);
   if (!master.ok()) {
     return master.error();
   }
   std::unique_ptr<Store> store(new Store(files, std::move(home)));
   for (std::size_t i = 0; i < kTableCount; ++i) {
     store->entries_[i].table = allTables()[i];
-    if (!deriveTableKeys(store->entries_[i].keys, master.value(), allTables()[i]->name())) {
-      return Error{Error::Kind::system, "the keys of the configuration files can't be derived: OpenSSL failed"};
+    if (Status status = deriveKeyRing(store->entries_[i].keys, master.value(), *allTables()[i]); !status.ok()) {
+      return status.error();
     }
   }
   return store;
 }
 
+std::string tablePath(const Home& home, const Table& table) {
+  return home.file(std::string(table.name()) + kSuffix);
+}
+
 std::string Store::path(const Entry& entry) const {
-  return home_.file(std::string(entry.table->name()) + kSuffix);
+  return tablePath(home_, *entry.table);
 }
 
 std::string Store::path(TableId id) const {
@@ -161,7 +178,7 @@ Status Store::reload(const std::vector<Entry*>& entries) {
   for (Staged& staged : all) {
     Entry& entry = *staged.entry;
     const bool first = entry.memoryCheck.empty();
-    entry.overtaken = !first && fileCheckString(entry.table->capture(), entry.keys) != entry.memoryCheck;
+    entry.overtaken = !first && fileCheckString(entry.table->capture(), entry.keys.current) != entry.memoryCheck;
   }
   for (Staged& staged : all) {
     publish(staged);
@@ -185,13 +202,13 @@ void Store::show(const Entry& entry) noexcept {
 
 void Store::acceptMemory(TableId id) {
   Entry& mine = entry(id);
-  mine.memoryCheck = fileCheckString(mine.table->capture(), mine.keys);
+  mine.memoryCheck = fileCheckString(mine.table->capture(), mine.keys.current);
 }
 
 Status Store::save(TableId id) {
   Entry& mine = entry(id);
   const cipher::SecretBytes payload = mine.table->capture();
-  mine.memoryCheck = fileCheckString(payload, mine.keys);
+  mine.memoryCheck = fileCheckString(payload, mine.keys.current);
   if (std::exchange(mine.overtaken, false)) {
     return conflict(path(mine));
   }
@@ -216,7 +233,7 @@ Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   if (identityOf(current.value()) != entry.identity) {
     return conflict(target);
   }
-  const auto sealed = sealPayload(payload, entry.table->name(), entry.keys);
+  const auto sealed = sealPayload(payload, entry.table->name(), entry.keys.current);
   if (!sealed.ok()) {
     return at(target, sealed.error());
   }

@@ -22,8 +22,15 @@ struct TableImage {
   std::string checkString;
 };
 
+// Derives the keys of a table.
+Status deriveKeyRing(TableKeyRing& keys, const MasterKeys& masterKeys, const Table& table);
+
 // Opens the file of a table, at its own path or another. The payload's contents are not looked at yet.
-Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table, const TableKeys& keys);
+Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table,
+                                 const TableKeyRing& keys);
+
+// Path of a table's file.
+std::string tablePath(const Home& home, const Table& table);
 
 // Not safe for several threads at once: the caller holds a lock over every call.
 class Store {
@@ -37,7 +44,7 @@ class Store {
   FileSystem& files() const noexcept { return files_; }
   const Home& home() const noexcept { return home_; }
   std::string path(TableId id) const;
-  const TableKeys& keys(TableId id) const noexcept { return entry(id).keys; }
+  const TableKeyRing& keys(TableId id) const noexcept { return entry(id).keys; }
 
   // Loads every table, or none on failure.
   Status loadAll();
@@ -67,7 +74,7 @@ class Store {
  private:
   struct Entry {
     const Table* table = nullptr;
-    TableKeys keys;
+    TableKeyRing keys;
     FileIdentity identity;    // of the version last loaded or saved here
     std::string memoryCheck;  // file-check string of the table in memory when it was last loaded or its save was tried
     bool overtaken = false;   // a reload replaced the table while a change of it was being made
