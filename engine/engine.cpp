@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The exported operations on the configuration: start, load, reload and save. They share one store under one lock,
-// which no operation on a row's path takes.
+// which no operation on a row's path takes. The guard of changes, where it is needed, is taken before that lock.
 #include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -18,6 +17,7 @@
 #include "engine/kms/kms.h"
 #include "engine/policy/policy_slots.h"
 #include "engine/store/store.h"
+#include "kezu/change.h"
 #include "kezu/engine.h"
 #include "kezu/shared.h"
 #include "logging/log_config.h"
@@ -72,23 +72,11 @@ int guarded(int failure, const Body& body) noexcept {
   }
 }
 
-// How often each table had been loaded when the calling thread last asked for a reload; 0 when it never did. A change
-// begins with a reload and ends with a save on the same thread: so the save can tell whether another thread loaded the
-// table in between.
-thread_local std::array<std::uint64_t, engine::store::kTableCount> loadsSeen = {};
-
-std::uint64_t& seen(TableId id) noexcept {
-  return loadsSeen[static_cast<std::size_t>(id)];
-}
-
-void noteLoads(const Store& store) noexcept {
-  for (std::size_t i = 0; i < engine::store::kTableCount; ++i) {
-    loadsSeen[i] = store.loads(static_cast<TableId>(i));
-  }
-}
-
-void noteLoads(const Store& store, TableId id) noexcept {
-  seen(id) = store.loads(id);
+// The same for one that replaces or captures whole tables: not in the middle of another thread's change.
+template <typename Body>
+int betweenChanges(int failure, const Body& body) noexcept {
+  const kezu::ConfigurationChange change;
+  return guarded(failure, body);
 }
 
 Status start(Engine& engine) {
@@ -160,7 +148,7 @@ void fetchAtStart(Engine& engine) noexcept {
   }
 }
 
-// The same while the engine runs: the lock is not held while the server is waited for.
+// The same while the engine runs: neither the lock nor the guard of changes is held while the server is waited for.
 int fetchPolicies(Engine& engine) {
   std::unique_lock lock(engine.mutex);
   if (!engine.store) {
@@ -172,6 +160,7 @@ int fetchPolicies(Engine& engine) {
   const std::string directory = engine.store->home().directory;
   lock.unlock();
   auto policies = engine::kms::fetchPolicies(files, directory);
+  const kezu::ConfigurationChange change;
   lock.lock();
   if (!policies.ok()) {
     return fetchFailed(policies.error());
@@ -209,7 +198,7 @@ int initialize(Engine& engine, unsigned int mode, char* message) {
 
 template <typename Reload>
 int reload(const Reload& operation) noexcept {
-  return guarded(-1, [&operation](Engine& engine) {
+  return betweenChanges(-1, [&operation](Engine& engine) {
     if (!engine.store) {
       return -1;
     }
@@ -229,7 +218,7 @@ struct SaveCodes {
 };
 
 int save(TableId id, SaveCodes codes) noexcept {
-  return guarded(codes.failure, [id, codes](Engine& engine) {
+  return betweenChanges(codes.failure, [id, codes](Engine& engine) {
     if (!engine.store) {
       return codes.failure;
     }
@@ -237,7 +226,7 @@ int save(TableId id, SaveCodes codes) noexcept {
       engine::forgetDiscardedPolicies();
     }
     Store& store = *engine.store;
-    const Status status = seen(id) == 0 ? store.save(id) : store.save(id, seen(id));
+    const Status status = store.save(id);
     if (status.ok()) {
       return 0;
     }
@@ -263,11 +252,7 @@ int kezuInitialize(unsigned int mode, char* scratch, char* message) {
 }
 
 int Q7_ReloadAllInfoIfChanged() {
-  return reload([](Store& store) {
-    Status status = store.reloadChanged();
-    noteLoads(store);
-    return status;
-  });
+  return reload([](Store& store) { return store.reloadChanged(); });
 }
 
 int Q7_ReloadAllInfoIfChanged3() {
@@ -275,19 +260,11 @@ int Q7_ReloadAllInfoIfChanged3() {
 }
 
 int Q7_LoadPolicyInfo(const char* source) {
-  return reload([source](Store& store) {
-    Status status = store.load(TableId::policy, source == nullptr ? "" : source);
-    noteLoads(store, TableId::policy);
-    return status;
-  });
+  return reload([source](Store& store) { return store.load(TableId::policy, source == nullptr ? "" : source); });
 }
 
 int Q7_LoadTableInfo() {
-  return reload([](Store& store) {
-    Status status = store.reloadChanged(TableId::tableInfo);
-    noteLoads(store, TableId::tableInfo);
-    return status;
-  });
+  return reload([](Store& store) { return store.reloadChanged(TableId::tableInfo); });
 }
 
 int Q7_SavePolicyInfo() {
@@ -321,7 +298,7 @@ int Q7_GetPolicyInfoFromKMS() {
 }
 
 int compareLocalAndKMSPolicy() {
-  return guarded(-1, [](Engine& engine) {
+  return betweenChanges(-1, [](Engine& engine) {
     if (!engine.store) {
       return -1;
     }

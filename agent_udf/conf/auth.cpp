@@ -10,6 +10,7 @@
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -108,6 +109,7 @@ long long refresh(const frame::Args& args) {
   if (!checkAuth(args)) {
     return failed(kRefreshRefused);
   }
+  const kezu::ConfigurationChange change;
   // Looked up only now: the check may have reloaded the administrators, and another one may stand where this one did.
   Q7UserInfo* user = findSession(args.text(0));
   if (user == nullptr) {
@@ -154,12 +156,14 @@ KEZU_INTEGER_FUNCTION(kezu_conf_get_auth,
     flags.setError();
     return -1;
   }
+  if (args.count() == 1) {
+    return findSession(args.text(0)) == nullptr ? failed(kUnknownSession) : refresh(args);
+  }
+  // Of two responses at once the second is checked after the first was counted.
+  const kezu::ConfigurationChange change;
   Q7UserInfo* user = findSession(args.text(0));
   if (user == nullptr) {
     return failed(kUnknownSession);
-  }
-  if (args.count() == 1) {
-    return refresh(args);
   }
   if (args.isNull(1)) {
     flags.setError();

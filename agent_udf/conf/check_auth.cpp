@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "kezu/change.h"
 #include "kezu/shared.h"
 
 namespace {
@@ -72,6 +73,7 @@ bool checkAuth(const frame::Args& args) {
   if (!hasEveryArgument(args) || Q7_ReloadAllInfoIfChanged() != 0) {
     return false;
   }
+  const kezu::ConfigurationChange change;
   Q7UserInfo* user = findSessionOfText(args.text(0));
   if (user == nullptr) {
     return false;

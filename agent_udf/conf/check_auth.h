@@ -11,7 +11,8 @@
 
 // Whether the caller may proceed: every argument is there, no string argument is empty or starts with a zero byte, the
 // engine's tables are up to date, and the first argument is the id of a session that is still fresh. A session found
-// stale is invalidated. The check does not refresh a session.
+// stale is invalidated. The check does not refresh a session. It reloads, so that a caller that goes on to change
+// something takes the guard of changes (kezu/change.h) afterwards.
 bool checkAuth(const frame::Args& args);
 bool checkAuth(UDF_ARGS* args);
 

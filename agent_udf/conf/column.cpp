@@ -9,6 +9,7 @@
 #include "conf/check_auth.h"
 #include "conf/record_table.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -93,6 +94,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_column,
   if (!checkAuth(args)) {
     return refuse(flags);
   }
+  const kezu::ConfigurationChange change;
   const ColumnName name = key.arguments(args, 1);
   switch (args.count()) {
     case 5:

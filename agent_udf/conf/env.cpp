@@ -3,6 +3,7 @@
 // The engine-wide modes. Each is saved with the table whose file carries it.
 #include "conf/setting.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/engine.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -51,6 +52,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_env,
   if (!mayProceed(args, flags, 3)) {
     return 0;
   }
+  const kezu::ConfigurationChange change;
   const int val = args.int32(2);
   switch (args.int32(1)) {
     case kAccessControl:

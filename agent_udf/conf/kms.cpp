@@ -5,6 +5,7 @@
 #include "conf/policy_table.h"
 #include "conf/setting.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -99,6 +100,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_kms_mode, {.forms = {"SI"}, .usage = "kezu_c
   if (!mayProceed(args, flags, 2)) {
     return 0;
   }
+  const kezu::ConfigurationChange change;
   switch (args.int32(1)) {
     case Q7_ONLY_KMS_MODE:
       return useKeyServer(Q7_ONLY_KMS_MODE, Q7_CACHED_KMS_MODE, "SET ENV KMS ONLY");

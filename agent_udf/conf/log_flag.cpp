@@ -3,6 +3,7 @@
 // The audit flags. They are saved with the policies, whose file carries them.
 #include "conf/setting.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/engine.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
@@ -47,6 +48,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_log_flag,
     flags.setError();
     return 0;
   }
+  const kezu::ConfigurationChange change;
   const int val = args.int32(2);
   kezu::publish(flag->value, val);
   logSetting(kLogChange, std::string("SET LOG FLAG ") + flag->name + " = " + std::to_string(val));

@@ -11,6 +11,7 @@
 #include "conf/audit_event.h"
 #include "conf/check_auth.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -75,6 +76,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_passwd, {.forms = {"", "S", "SS"},
     return 0;
   }
   const Password password(args.text(1));
+  const kezu::ConfigurationChange change;
   const int index = setPasswd("admin", password.text);
   if (index < 0) {
     return index;

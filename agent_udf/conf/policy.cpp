@@ -10,6 +10,7 @@
 #include "conf/policy_table.h"
 #include "conf/record_table.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 #include "logw/logw.h"
 
@@ -126,7 +127,6 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
     return kRefused;
   }
   Staged next = stageNextSlot(kNone);
-  // Asked of the copy: another thread may fill the active table between a look at it and the copying.
   if (next.count >= kMaxPolicies) {
     return kRefused;
   }
@@ -191,6 +191,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_policy, {.forms = {"S", "SS", "SSIIIIIIS"},
   if (!checkAuth(args)) {
     return kRefused;
   }
+  const kezu::ConfigurationChange change;
   const Q7KmsMode mode = kezu::observe(g_kmsMode);
   if (mode == Q7_CACHED_KMS_MODE && args.count() == 1) {
     return saveCache();

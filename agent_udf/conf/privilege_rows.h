@@ -11,6 +11,7 @@
 #include "conf/listing.h"
 #include "conf/record_table.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "logw/logw.h"
 
 // One privilege table: its records, its key and flags with their names in audit events, its save operation, its name.
@@ -34,6 +35,7 @@ class PrivilegeRows {
   // changed. SQL NULL without a valid session and for other forms.
   long long set(const frame::Args& args, frame::Flags& result) const {
     if (checkAuth(args)) {
+      const kezu::ConfigurationChange change;
       switch (args.count()) {
         case 1 + kKeySize:
           return remove(args, result);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The engine's single-slot tables of keyed records: found by position or by key, appended at the end, removed by moving
-// the last record into the hole. No lock: every word is read and written atomically, and the count is published after
-// the record. Each operation reads the count once, so that two changes at once may lose one of them but never leave the
-// table.
+// the last record into the hole. No lock here: whoever changes a table holds the guard of changes (kezu/change.h) from
+// finding a record to saving the table. Readers hold nothing: every word is read and written atomically, the count is
+// published after the record, and each operation reads the count once and never leaves the table.
 #pragma once
 
 #include <algorithm>

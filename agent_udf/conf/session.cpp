@@ -4,6 +4,7 @@
 #include "bcipher/randhash.h"
 #include "conf/check_auth.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 
 namespace {
@@ -38,6 +39,7 @@ KEZU_STRING_FUNCTION(kezu_conf_get_session_id,
   if (Q7_ReloadAllInfoIfChanged() != 0) {
     return frame::Answer::nullKeepingLength();
   }
+  const kezu::ConfigurationChange change;
   Q7UserInfo* user = findAdministrator(args.text(0));
   if (user == nullptr) {
     return frame::Answer::null();
@@ -64,6 +66,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_check_session_auth,
   if (Q7_ReloadAllInfoIfChanged() != 0) {
     return kReloadFailed;
   }
+  const kezu::ConfigurationChange change;
   Q7UserInfo* user = findSessionOfText(args.text(0));
   if (user == nullptr) {
     return kUnknown;

@@ -9,6 +9,7 @@
 #include "conf/listing.h"
 #include "conf/record_table.h"
 #include "frame/function.h"
+#include "kezu/change.h"
 #include "logw/logw.h"
 
 namespace {
@@ -69,6 +70,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_tableinfo,
 (const frame::Args& args, frame::Flags& flags) {
   const TableName name = key.arguments(args, 0);
   Q7_LoadTableInfo();
+  const kezu::ConfigurationChange change;
   Q7TableInfo* found = args.count() < 2 ? nullptr : tables.find(key, name);
   if (args.count() >= 3) {
     return setCommand(name, args.text(2), found);

@@ -9,6 +9,7 @@
 #include "conf/listing.h"
 #include "frame/function.h"
 #include "frame/text_ring.h"
+#include "kezu/change.h"
 #include "query_priv/query_priv.h"
 #include "query_priv/text_form.h"
 
@@ -61,6 +62,7 @@ KEZU_INTEGER_FUNCTION(kezu_conf_set_querypriv, {.forms = {"SSSSS", "SSSSSI"},
   const std::string ptn1 = ruleText(args, 2);
   const std::string type2 = ruleText(args, 3);
   const std::string ptn2 = ruleText(args, 4);
+  const kezu::ConfigurationChange change;
   int result = 0;
   switch (args.count()) {
     case 5:

@@ -197,7 +197,6 @@ void Store::publish(Staged& staged) noexcept {
   staged.table->publish();
   entry.identity = staged.identity;
   entry.checkString = std::move(staged.checkString);
-  ++entry.loads;
   show(entry);
 }
 
@@ -207,12 +206,8 @@ void Store::show(const Entry& entry) noexcept {
   }
 }
 
-Status Store::save(TableId id, std::uint64_t loadsBefore) {
+Status Store::save(TableId id) {
   Entry& mine = entry(id);
-  if (loadsBefore != mine.loads) {
-    mine.identity = {};
-    return conflict(path(mine));
-  }
   const cipher::SecretBytes payload = mine.table->capture();
   if (Status status = mine.table->check(payload); !status.ok()) {
     return at(path(mine),

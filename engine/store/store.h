@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,20 +63,13 @@ class Store {
   // Loads a table from its file, or from the file at `source` if that is not empty, changed or not.
   Status load(TableId id, const std::string& source);
 
-  // How often the table was loaded. Whoever changes a table notes this before looking at it, and saves with it.
-  std::uint64_t loads(TableId id) const noexcept { return entry(id).loads; }
-
-  // Saves a table that was changed since it had been loaded `loadsBefore` times. Fails with Error::Kind::conflict, with
-  // nothing written, when the file on disk is not the one last loaded or saved here, or when the table was loaded
-  // since: then the change is gone or mixed with what was loaded, and the next reload takes the file in again.
+  // Saves a table. Fails with Error::Kind::conflict, with nothing written, when the file on disk is not the one last
+  // loaded or saved here: another process saved in between.
   //
   // The order of steps keeps the file and, once there was a save, its .bak whole at every instant: the new version is
   // complete and synced before anything is renamed, the .bak is replaced by a link to the old version in one rename,
   // and then the file by the new one in another.
-  Status save(TableId id, std::uint64_t loadsBefore);
-
-  // Saves a table that nobody can have loaded meanwhile.
-  Status save(TableId id) { return save(id, loads(id)); }
+  Status save(TableId id);
 
  private:
   struct Entry {
@@ -85,7 +77,6 @@ class Store {
     TableKeyRing keys;
     FileIdentity identity;    // of the version last loaded or saved here
     std::string checkString;  // of that version
-    std::uint64_t loads = 0;
   };
   struct Staged {
     Entry* entry = nullptr;

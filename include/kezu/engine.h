@@ -4,14 +4,15 @@
 //
 // libkezu.so defines every global and every operation declared here. Callers read and rewrite the tables in place and
 // then call the save operation of the table that they changed; the engine loads the tables at start and reloads them
-// when their files were changed by another process.
+// when their files were changed by another process, never in the middle of a change.
 //
 // Conventions that hold for the whole header:
 //  - Every text field is a zero-terminated character array whose size includes the terminating zero. Texts are byte
 //    strings, compared exactly and case-sensitively.
-//  - The tables, counters and modes are shared by every thread of the process without a lock. What one thread reads
-//    while another publishes it goes through the operations of kezu/shared.h. Only the rules, which are no plain
-//    records, have a guard: kezu/query_priv.h.
+//  - The tables, counters and modes are shared by every thread of the process. Changes of them take place one at a
+//    time: kezu/change.h. Readers take no lock: what one thread reads while another publishes it goes through the
+//    operations of kezu/shared.h. Only the rules, which are no plain records, have a guard for readers too:
+//    kezu/query_priv.h.
 //  - No operation throws. All operations may be called from any thread, from several at once. Nothing is owned by the
 //    caller unless the operation says so, and every out-parameter is the caller's memory.
 //  - Operations that return int return 0 for success unless their comment says otherwise.
@@ -240,7 +241,8 @@ int Q7_LoadTableInfo();
 //
 // Each writes one table, with the settings that travel with it, to its file: sealed, synced, and renamed into place, so
 // that the file is always the old one or the new one, whole. When another process saved the file since it was last
-// loaded here, nothing is written and the save fails. A failed save leaves file and tables as they were.
+// loaded here, nothing is written and the save fails. A failed save leaves file and tables as they were. The caller
+// holds the guard of changes (kezu/change.h) since it began to change the table.
 
 // Policies, the audit flags (g_logInfo) and g_kmsMode. Returns 0; -1 when the file cannot be written; -3 when another
 // process changed it. In Q7_ONLY_KMS_MODE the policies themselves are not written.
@@ -286,7 +288,8 @@ int Q7_AddPolicyInfo(Q7EncPolicyInfo& policy, _BCipherKey** key, const char* nam
 // Fetches the policies of the key management server into the next slot and publishes them, all or none. The server is
 // that of [kms] in kezu.toml, which is read anew. Returns 0, or non-zero with the table unchanged: no server
 // configured, not reachable, an answer that is not valid, or g_kmsMode changed meanwhile; the audit log says why. Takes
-// at most connect_timeout + 12 * read_timeout, the look-up of a host name aside; other operations go on meanwhile.
+// at most connect_timeout + 12 * read_timeout, the look-up of a host name aside; other operations and changes
+// (kezu/change.h) go on meanwhile, and wait only while the policies are published.
 int Q7_GetPolicyInfoFromKMS();
 
 // Compares the policies in use with those of the local file, by content and independent of their order. Returns 0 when

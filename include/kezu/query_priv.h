@@ -74,8 +74,9 @@ extern "C" {
 //
 // Lock waits until the table can be used so; Unlock, on the same thread and with the same use, ends that. They don't
 // fail. A thread that holds the guard for writing may lock it again, for either use. One that holds it for reading may
-// not, and no thread may call an operation of kezu/engine.h (start, load, reload, save) while it holds the guard, or it
-// may wait for ever. Hold it only while touching the table: not across a log line either.
+// not, and no thread may call an operation of kezu/engine.h (start, load, reload, save) or begin a change
+// (kezu/change.h) while it holds the guard, or it may wait for ever. Hold it only while touching the table: not across
+// a log line either.
 void Q7_LockQueryPriv(Q7QueryPrivUse use) noexcept;
 void Q7_UnlockQueryPriv(Q7QueryPrivUse use) noexcept;
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <utility>
@@ -10,6 +11,28 @@
 #include "recording_tables.h"
 
 namespace conformance {
+namespace {
+
+// Operations that belong into a change: they save, or fill the next slot.
+bool belongsIntoChange(std::string_view operation) {
+  return operation.starts_with("Q7_Save") || operation == "Q7_AddPolicyInfo" || operation == "BCIPHER_DupKey";
+}
+
+// Operations that don't: they replace tables, wait for another machine, or stand on the path of a row.
+bool hasNoPlaceInChange(std::string_view operation) {
+  constexpr std::array<std::string_view, 4> kOfRows = {"Q7_EncryptBinaryExt", "Q7_DecryptBinaryExt", "kezuHashBinary",
+                                                       "kezuHmacBinary"};
+  return operation.starts_with("Q7_Reload") || operation.starts_with("Q7_Load") ||
+         operation == "Q7_GetPolicyInfoFromKMS" || operation == "compareLocalAndKMSPolicy" ||
+         operation == "kezuInitialize" || std::find(kOfRows.begin(), kOfRows.end(), operation) != kOfRows.end();
+}
+
+void checkChange(const std::string& operation) {
+  EXPECT_TRUE(holdsChange() || !belongsIntoChange(operation)) << operation << " outside a change";
+  EXPECT_FALSE(holdsChange() && hasNoPlaceInChange(operation)) << operation << " inside a change";
+}
+
+}  // namespace
 
 RecordingEngine& RecordingEngine::get() {
   static RecordingEngine engine;
@@ -130,6 +153,7 @@ void RecordingEngine::clearJournal() {
 
 void RecordingEngine::enter(const std::string& operation, const std::string& arguments) {
   EXPECT_TRUE(operation == "Q7QueryPriv::insert" || !holdsRuleTable()) << operation;
+  checkChange(operation);
   std::function<void()> hook;
   {
     const std::scoped_lock lock(mutex_);

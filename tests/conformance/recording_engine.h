@@ -111,7 +111,7 @@ class RecordingEngine {
   // --- For the operations themselves ---
 
   // Writes a call down, then runs its hook. The test fails when the caller holds the rule table, which no operation but
-  // Q7QueryPriv::insert allows.
+  // Q7QueryPriv::insert allows, and when it holds the guard of changes, or does not, where it is the other way round.
   void enter(const std::string& operation, const std::string& arguments);
   int resultOf(const std::string& operation, int fallback = 0);
   std::string textOf(const std::string& operation, const std::string& fallback = "") const;
@@ -144,8 +144,9 @@ class RecordingEngine {
   std::map<BCipherKey, KeyState> key_states_;
 };
 
-// Whether this thread holds the guard of the rule table.
+// Whether this thread holds the guard of the rule table, and the guard of changes.
 bool holdsRuleTable();
+bool holdsChange();
 
 // A byte string as the journal writes it: in quotes, bytes that are not printable ASCII as \xNN.
 std::string quoted(std::string_view bytes);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Tables that several connections list while others add, change and delete: no result leaves its field. Which record a
-// listing shows meanwhile is open, and so are the results of changes that overlap.
+// listing shows meanwhile is open, and so is which of two changes comes first.
 #include <atomic>
 #include <functional>
 #include <thread>

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The guard of changes as the engine implements it. RecordingEngine::enter looks at who holds it.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <utility>
+
+#include "kezu/change.h"
+#include "recording_engine.h"
+
+namespace {
+
+constinit std::mutex changes;
+constinit thread_local int held = 0;         // how often by this thread
+constinit thread_local bool locked = false;  // not where it may have waited for ever: the test fails instead
+
+}  // namespace
+
+void Q7_BeginChange() noexcept {
+  EXPECT_FALSE(conformance::holdsRuleTable()) << "a thread that holds the rule table may wait for ever";
+  if (held == 0 && !conformance::holdsRuleTable()) {
+    changes.lock();
+    locked = true;
+  }
+  ++held;
+}
+
+void Q7_EndChange() noexcept {
+  EXPECT_GT(held, 0) << "nothing was begun";
+  if (held > 0 && --held == 0 && std::exchange(locked, false)) {
+    changes.unlock();
+  }
+}
+
+bool conformance::holdsChange() {
+  return held > 0;
+}
