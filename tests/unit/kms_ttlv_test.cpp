@@ -8,11 +8,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "engine/kms/messages.h"
+#include "unit/source_folder.h"
 
 namespace {
 
@@ -183,11 +181,7 @@ TEST(KmsTtlv, FieldsRememberTheFirstFault) {
 // Answers that PyKMIP 0.10 gave.
 
 SecretBytes captured(const std::string& name) {
-  const std::filesystem::path path =
-      std::filesystem::path(__FILE__).parent_path().parent_path() / "fuzz/corpus/kms_ttlv" / name;
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path;
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const std::string text = test::readSource("fuzz/corpus/kms_ttlv/" + name);
   return SecretBytes(text.begin(), text.end());
 }
 
