@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -302,6 +303,26 @@ TEST_F(KmsConnectionTest, TlsIsSetUpStrictly) {
   EXPECT_EQ(SSL_VERIFY_PEER, SSL_CTX_get_verify_mode(context));
   EXPECT_EQ(0u, SSL_CTX_get_mode(context) & SSL_MODE_AUTO_RETRY) << "a read may go on behind its limit";
   EXPECT_NE(0u, SSL_CTX_get_options(context) & SSL_OP_CLEANSE_PLAINTEXT);
+}
+
+// What a host's certificate must be issued for: "IP ADDRESS" or "DNS NAME", and the name that the server is told.
+std::string expectedOf(const std::string& host) {
+  const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  const std::unique_ptr<SSL, void (*)(SSL*)> ssl(SSL_new(context.get()), SSL_free);
+  EXPECT_TRUE(engine::kms::expectHost(ssl.get(), host));
+  const auto text = [](const char* name) { return std::string(name == nullptr ? "" : name); };
+  const std::unique_ptr<char, void (*)(char*)> address(X509_VERIFY_PARAM_get1_ip_asc(SSL_get0_param(ssl.get())),
+                                                       [](char* memory) { OPENSSL_free(memory); });
+  return (address == nullptr ? "DNS " + text(X509_VERIFY_PARAM_get0_host(SSL_get0_param(ssl.get()), 0))
+                             : "IP " + text(address.get())) +
+         " told " + text(SSL_get_servername(ssl.get(), TLSEXT_NAMETYPE_host_name));
+}
+
+TEST_F(KmsConnectionTest, NamesAndAddressesAreCheckedAsSuch) {
+  EXPECT_EQ("DNS kms.example told kms.example", expectedOf("kms.example"));
+  EXPECT_EQ("IP 192.0.2.7 told ", expectedOf("192.0.2.7"));
+  EXPECT_EQ("IP 2001:DB8:0:0:0:0:0:1 told ", expectedOf("2001:db8::1"));
+  EXPECT_EQ("DNS 192.0.2 told 192.0.2", expectedOf("192.0.2")) << "no address in full";
 }
 
 // What the process must not notice

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
@@ -143,6 +144,8 @@ void Peer::run() {
     if (fd < 0) {
       continue;
     }
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // else every answer waits for the client's delayed ACK
     ++connections_;
     if (script_.accept == Script::Accept::keepSilent) {
       waitFor(fd, POLLRDHUP);
