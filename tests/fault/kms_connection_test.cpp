@@ -87,6 +87,19 @@ TEST_F(KmsConnectionTest, TricklesItsAnswer) {
   expectRefused({"no whole answer within read_timeout, 0.5 s"});
 }
 
+// The limit of a request holds for each of those that read policies, not only for all of them together.
+TEST_F(KmsConnectionTest, AnswersPoliciesTooLate) {
+  usePolicies();
+  const Keys keys = somePolicies(3);
+  play(Script{.reply =
+                  [keys](const Wire& request) {
+                    std::this_thread::sleep_for(operationsOf(request).size() > 1 ? 1500ms : 0ms);
+                    return keys(request);
+                  }},
+       {.connect = 60, .read = 0.5});
+  expectRefused({"no whole answer within read_timeout, 0.5 s"});
+}
+
 // Every answer is in time, and there is no end to the answers that are needed.
 TEST_F(KmsConnectionTest, ManySlowAnswersAreBoundedTogether) {
   usePolicies();
@@ -362,6 +375,23 @@ TEST_F(KmsConnectionTest, LeavesNoOpenSslErrorsAndNoDescriptors) {
   play(somePolicies(1));
   EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS());
   EXPECT_EQ(0u, ERR_peek_error());
+}
+
+// A program that the database server starts must not get hold of the connection.
+TEST_F(KmsConnectionTest, IsClosedInProgramsThatAreStarted) {
+  const auto inherited = [] {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
+      count += flags >= 0 && (flags & FD_CLOEXEC) == 0;
+    }
+    return count;
+  };
+  play(somePolicies(1));
+  const int before = inherited();
+  const auto client = engine::kms::Client::connect(settings());
+  ASSERT_TRUE(client.ok()) << client.error().text;
+  EXPECT_EQ(before, inherited());
 }
 
 // Other statements go on while the server is waited for: here one that the server itself waits for.
