@@ -29,6 +29,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "cipher/hidden_memory.h"
+
 namespace cipher {
 namespace {
 
@@ -44,7 +46,6 @@ static_assert(std::is_trivially_copyable_v<KeyData> && sizeof(KeyData) % sizeof(
 constexpr std::size_t kDataWords = sizeof(KeyData) / sizeof(std::uint64_t);
 constexpr std::size_t kBindingSizeWord = offsetof(KeyData, bindingSize) / sizeof(std::uint64_t);
 constexpr std::size_t kBindingWord = offsetof(KeyData, binding) / sizeof(std::uint64_t);
-constexpr std::size_t kBindingWords = kMaxBindingSize / sizeof(std::uint64_t);
 static_assert(offsetof(KeyData, binding) % sizeof(std::uint64_t) == 0 && kMaxBindingSize % sizeof(std::uint64_t) == 0);
 
 }  // namespace
@@ -89,7 +90,10 @@ class KeySlot : public _BCipherKey {
   void read(KeyData& data) const noexcept;
 
   // For any thread, without a lock.
-  PooledKey* take(Bytes binding) noexcept;
+  PooledKey* take() noexcept;
+  [[nodiscard]] Binding binding() const noexcept {
+    return {words_[kBindingSizeWord].load(std::memory_order_acquire), &words_[kBindingWord]};
+  }
   bool giveBack(PooledKey* pooled) noexcept;
 
   // The store's.
@@ -97,7 +101,6 @@ class KeySlot : public _BCipherKey {
   bool given = false;       // a caller owns the handle
 
  private:
-  [[nodiscard]] bool boundTo(Bytes binding) const noexcept;
   PooledKey* takePooled(std::uint64_t generation) noexcept;
   [[nodiscard]] PooledKey* prepare(std::uint64_t generation) const noexcept;
   PoolEntry* pool() noexcept;
@@ -137,20 +140,9 @@ void KeySlot::read(KeyData& data) const noexcept {
   OPENSSL_cleanse(words, sizeof words);
 }
 
-bool KeySlot::boundTo(Bytes binding) const noexcept {
-  if (binding.size() > kMaxBindingSize) return false;
-  std::uint64_t differences = words_[kBindingSizeWord].load(std::memory_order_acquire) ^ binding.size();
-  for (std::size_t at = 0; at < binding.size(); at += sizeof(std::uint64_t)) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, binding.data() + at, std::min(sizeof word, binding.size() - at));
-    differences |= word ^ words_[kBindingWord + at / sizeof word].load(std::memory_order_acquire);
-  }
-  return differences == 0;
-}
-
-PooledKey* KeySlot::take(Bytes binding) noexcept {
+PooledKey* KeySlot::take() noexcept {
   const std::uint64_t generation = generation_.load();
-  if (generation % 2 == 0 || !boundTo(binding)) return nullptr;
+  if (generation % 2 == 0) return nullptr;
   PooledKey* pooled = takePooled(generation);
   return pooled != nullptr ? pooled : prepare(generation);
 }
@@ -264,8 +256,9 @@ class SlotStore {
   }
 
   bool addChunk() noexcept {
-    auto* chunk = new (std::nothrow) Chunk;
-    if (chunk == nullptr) return false;
+    void* const memory = allocateHidden(sizeof(Chunk));
+    if (memory == nullptr) return false;
+    auto* chunk = new (memory) Chunk;
     chunk->next = chunks_;
     chunks_ = chunk;
     for (KeySlot& slot : chunk->slots) addFree(slot);
@@ -307,11 +300,15 @@ BCipherKey makeKey(int algorithm, const Suite* suite, const KeyMaterial& materia
   return key;
 }
 
-Session::Session(BCipherKey key, Bytes binding) noexcept
-    : slot_(key == nullptr ? nullptr : &slotOf(key)), pooled_(slot_ == nullptr ? nullptr : slot_->take(binding)) {}
+Session::Session(BCipherKey key) noexcept
+    : slot_(key == nullptr ? nullptr : &slotOf(key)), pooled_(slot_ == nullptr ? nullptr : slot_->take()) {}
 
 PreparedKey& Session::key() noexcept {
   return pooled_->key;
+}
+
+Binding Session::binding() const noexcept {
+  return slot_->binding();
 }
 
 bool Session::finish() noexcept {

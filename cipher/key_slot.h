@@ -3,7 +3,9 @@
 // Key handles: made from a suite, key material and a binding, used through a Session.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "bcipher/bcipher.h"
 #include "cipher/digest.h"
@@ -23,6 +25,25 @@ BCipherKey makeKey(int algorithm, const Suite* suite, const KeyMaterial& materia
 class KeySlot;
 struct PooledKey;
 
+// The bytes that a handle is bound to, read where the handle keeps them. Another thread may be putting others there:
+// what was read counts only when the session's finish() says so.
+class Binding {
+ public:
+  Binding(std::size_t size, const std::atomic<std::uint64_t>* words) noexcept : size_(size), words_(words) {}
+
+  // Bytes, at most kMaxBindingSize.
+  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+
+  // The eight bytes from 8 * index on as they lie in memory, zeros past the end. `index` is below kMaxBindingSize / 8.
+  [[nodiscard]] std::uint64_t word(std::size_t index) const noexcept {
+    return words_[index].load(std::memory_order_acquire);
+  }
+
+ private:
+  std::size_t size_;
+  const std::atomic<std::uint64_t>* words_;
+};
+
 // One operation with a handle. Any thread may wipe, delete or make anew the handle meanwhile; finish() tells.
 //
 // A handle keeps the keys that were prepared from it in a small pool, from which a session takes one without a lock.
@@ -30,11 +51,17 @@ struct PooledKey;
 // one a processor (at least 8).
 class Session {
  public:
-  // Takes a prepared key when the handle lives and is bound to exactly `binding`, which is compared in constant time.
-  Session(BCipherKey key, Bytes binding) noexcept;
+  // Takes a prepared key when the handle lives and is bound to what the caller presents: matches(Bytes binding)
+  // compares the two, in constant time, and returns whether they are equal.
+  template <typename Matches>
+  Session(BCipherKey key, const Matches& matches) noexcept : Session(key) {
+    if (pooled_ != nullptr && !matches(binding())) finish();
+  }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
-  ~Session() { finish(); }
+  ~Session() {
+    if (pooled_ != nullptr) finish();
+  }
 
   // Whether there is a key to work with: false for a null handle, one that was wiped or deleted, one with another
   // binding, and when memory ran out.
@@ -48,6 +75,9 @@ class Session {
   bool finish() noexcept;
 
  private:
+  explicit Session(BCipherKey key) noexcept;
+  [[nodiscard]] Binding binding() const noexcept;
+
   KeySlot* slot_;
   PooledKey* pooled_ = nullptr;
 };

@@ -3,8 +3,10 @@
 // Running texts through OpenSSL's ciphers with contexts that are keyed already.
 #include "cipher/prepared_key.h"
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
 #include <algorithm>
 #include <array>
@@ -43,13 +45,17 @@ bool transform(EVP_CIPHER_CTX* context, unsigned char* out, Bytes text) noexcept
          EVP_CipherFinal_ex(context, out + written, &last) == 1;
 }
 
+// Through the parameters, not through EVP_CIPHER_CTX_ctrl, which makes parameters of its arguments first.
 bool takeTag(EVP_CIPHER_CTX* context, unsigned char* tag, std::size_t size) noexcept {
-  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_GET_TAG, static_cast<int>(size), tag) == 1;
+  OSSL_PARAM parameters[] = {OSSL_PARAM_octet_string(OSSL_CIPHER_PARAM_AEAD_TAG, tag, size), OSSL_PARAM_END};
+  return EVP_CIPHER_CTX_get_params(context, parameters) == 1;
 }
 
 bool giveTag(EVP_CIPHER_CTX* context, Bytes tag) noexcept {
-  return EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()),
-                             const_cast<unsigned char*>(tag.data())) == 1;
+  const OSSL_PARAM parameters[] = {
+      OSSL_PARAM_octet_string(OSSL_CIPHER_PARAM_AEAD_TAG, const_cast<unsigned char*>(tag.data()), tag.size()),
+      OSSL_PARAM_END};
+  return EVP_CIPHER_CTX_set_params(context, parameters) == 1;
 }
 
 // CCM: length, associated data and text, in this order. The text's call is made for an empty text too.
@@ -65,14 +71,10 @@ bool throughCcm(EVP_CIPHER_CTX* context, unsigned char* out, Bytes associated, B
 
 }  // namespace
 
-void PreparedKey::FreeContext::operator()(EVP_CIPHER_CTX* context) const noexcept {
-  EVP_CIPHER_CTX_free(context);
-}
-
 PreparedKey::PreparedKey(const Suite& suite, const KeyMaterial& material) noexcept
     : suite_(suite), material_(material) {}
 
-PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
+Context PreparedKey::makeContext(bool encrypting) const noexcept {
   Context made(EVP_CIPHER_CTX_new());
   const int direction = encrypting ? 1 : 0;
   EVP_CIPHER_CTX* context = made.get();
@@ -84,7 +86,9 @@ PreparedKey::Context PreparedKey::makeContext(bool encrypting) const noexcept {
   if (suite_.form == Form::kCcm && EVP_CIPHER_CTX_ctrl(context, EVP_CTRL_AEAD_SET_TAG, suite_.tagSize, nullptr) != 1) {
     return nullptr;
   }
-  if (EVP_CipherInit_ex2(context, nullptr, material_.cipherKey, nullptr, direction, nullptr) != 1) return nullptr;
+  static constexpr unsigned char kZeros[kMaxIvSize] = {};
+  const unsigned char* start = suite_.padBlock != 0 && suite_.ivSize != 0 ? kZeros : nullptr;
+  if (EVP_CipherInit_ex2(context, nullptr, material_.cipherKey, start, direction, nullptr) != 1) return nullptr;
   return made;
 }
 
@@ -92,6 +96,12 @@ EVP_CIPHER_CTX* PreparedKey::context(bool encrypting) noexcept {
   Context& kept = encrypting ? encrypting_ : decrypting_;
   if (kept == nullptr && suite_.cipher != nullptr) kept = makeContext(encrypting);
   return kept.get();
+}
+
+BlockChain* PreparedKey::blocks(bool encrypting) noexcept {
+  std::optional<BlockChain>& kept = encrypting ? encryptingBlocks_ : decryptingBlocks_;
+  if (!kept || !*kept) kept.emplace(makeContext(encrypting), suite_.padBlock);
+  return *kept ? &*kept : nullptr;
 }
 
 bool PreparedKey::restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept {
@@ -106,13 +116,14 @@ bool PreparedKey::restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) co
 }
 
 bool PreparedKey::encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcept {
+  if (suite_.padBlock != 0) {
+    BlockChain* chain = iv.size() == suite_.ivSize ? blocks(true) : nullptr;
+    return chain != nullptr && chain->encrypt(out, iv, text);
+  }
   EVP_CIPHER_CTX* running = context(true);
-  if (!restart(running, true, iv)) return false;
   int written = 0;
-  int last = 0;
-  if (!text.empty() && EVP_CipherUpdate(running, out, &written, text.data(), static_cast<int>(text.size())) != 1)
-    return false;
-  return suite_.padBlock == 0 || EVP_CipherFinal_ex(running, out + written, &last) == 1;
+  return restart(running, true, iv) &&
+         (text.empty() || EVP_CipherUpdate(running, out, &written, text.data(), static_cast<int>(text.size())) == 1);
 }
 
 bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated,
@@ -126,7 +137,7 @@ bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv
 
 // A SIV context that has taken in the components that are not empty. Every text gets a copy of the kept context,
 // because a context's state goes on from text to text and cannot be set back.
-PreparedKey::Context PreparedKey::startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept {
+Context PreparedKey::startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept {
   const EVP_CIPHER_CTX* kept = context(encrypting);
   Context copy(kept == nullptr ? nullptr : EVP_CIPHER_CTX_new());
   if (copy == nullptr || EVP_CIPHER_CTX_copy(copy.get(), kept) != 1) return nullptr;
@@ -193,25 +204,18 @@ bool PreparedKey::encrypt(unsigned char* out, unsigned char* tag, Bytes iv, Byte
 
 Opened PreparedKey::decryptPlain(std::span<unsigned char> out, Bytes iv, Bytes cipherText) noexcept {
   const std::size_t block = suite_.padBlock;
-  if (block != 0 && (cipherText.empty() || cipherText.size() % block != 0)) return {};
+  if (block != 0 && (cipherText.empty() || cipherText.size() % block != 0 || iv.size() != suite_.ivSize)) return {};
   if (cipherText.size() - block > out.size()) return {true, cipherText.size() - (block == 0 ? 0 : 1)};
-  EVP_CIPHER_CTX* running = context(false);
-  if (!restart(running, false, iv)) return {};
-  SecretArray<kMaxBlockSize> none;  // for OpenSSL, which wants a place for a text of nothing too
-  unsigned char* to = out.empty() ? none.bytes : out.data();
-  int written = 0;
-  if (!cipherText.empty() &&
-      EVP_CipherUpdate(running, to, &written, cipherText.data(), static_cast<int>(cipherText.size())) != 1) {
-    return {};
+  if (block != 0) {
+    BlockChain* chain = blocks(false);
+    return chain == nullptr ? Opened{} : chain->decrypt(out, iv, cipherText);
   }
-  if (block == 0) return {true, cipherText.size()};
-  SecretArray<kMaxBlockSize> lastBlock;
-  int last = 0;
-  if (EVP_CipherFinal_ex(running, lastBlock.bytes, &last) != 1) return {};
-  const auto head = static_cast<std::size_t>(written);
-  const auto tail = static_cast<std::size_t>(last);
-  if (head + tail <= out.size()) std::copy_n(lastBlock.bytes, tail, out.begin() + written);
-  return {true, head + tail};
+  EVP_CIPHER_CTX* running = context(false);
+  int written = 0;
+  const bool done = restart(running, false, iv) &&
+                    (cipherText.empty() || EVP_CipherUpdate(running, out.data(), &written, cipherText.data(),
+                                                            static_cast<int>(cipherText.size())) == 1);
+  return done ? Opened{true, cipherText.size()} : Opened{};
 }
 
 bool PreparedKey::decryptTagged(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {

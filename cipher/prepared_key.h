@@ -11,6 +11,7 @@
 #include <optional>
 #include <span>
 
+#include "cipher/block_chain.h"
 #include "cipher/digest.h"
 #include "cipher/kdf.h"
 #include "cipher/suite.h"
@@ -23,14 +24,6 @@ struct KeyMaterial {
   unsigned char ivKey[kSha256Size];    // deterministic initialization vectors
   unsigned char hmacKey[kSha256Size];  // keyed digests: one-way algorithms and the HMAC functions
   unsigned char tagKey[kSha256Size];   // tags of the encrypt-then-MAC modes
-};
-
-// What came of a decryption.
-struct Opened {
-  bool valid = false;  // false: not what this key encrypted, or OpenSSL failed; the output was wiped
-  std::size_t size =
-      0;  // bytes of the text. A number past the output's size: it does not fit, nothing of it is left in the
-          // output, what is said is an upper bound of its size, and it may not have been checked yet
 };
 
 // Used by one thread at a time. Wipes what it holds when it goes. Contexts are made on first use: a key that only
@@ -68,12 +61,8 @@ class PreparedKey {
   bool keyedDigest(Digest algorithm, unsigned char* out, std::span<const Bytes> parts) noexcept;
 
  private:
-  struct FreeContext {
-    void operator()(EVP_CIPHER_CTX* context) const noexcept;
-  };
-  using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
-
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
+  BlockChain* blocks(bool encrypting) noexcept;
   [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
   Context startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept;
@@ -90,6 +79,8 @@ class PreparedKey {
   KeyMaterial material_;
   Context encrypting_;
   Context decrypting_;
+  std::optional<BlockChain> encryptingBlocks_;
+  std::optional<BlockChain> decryptingBlocks_;
   std::optional<HmacOf<Sha256>> ivMac_;
   std::optional<HmacOf<Sha256>> tagMac_;
   std::unique_ptr<Hmac> digest_;

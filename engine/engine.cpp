@@ -3,10 +3,10 @@
 // The exported operations on the configuration: start, load, reload and save. They share one store under one lock,
 // which no operation on a row's path takes.
 #include <fmt/format.h>
-#include <sys/mman.h>
-
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -14,7 +14,9 @@
 #include <string>
 #include <string_view>
 
+#include "cipher/hidden_memory.h"
 #include "engine/kms/kms.h"
+#include "engine/policy/policy_slots.h"
 #include "engine/store/store.h"
 #include "kezu/engine.h"
 #include "kezu/shared.h"
@@ -70,10 +72,23 @@ int guarded(int failure, const Body& body) noexcept {
   }
 }
 
-// Keeps keys and passwords out of core dumps. A kernel that can't leaves everything else as it is.
-void hideFromDumps() noexcept {
-  madvise(g_encPolicyArray, sizeof g_encPolicyArray, MADV_DONTDUMP);
-  madvise(g_userInfo, sizeof g_userInfo, MADV_DONTDUMP);
+// How often each table had been loaded when the calling thread last asked for a reload; 0 when it never did. A change
+// begins with a reload and ends with a save on the same thread: so the save can tell whether another thread loaded the
+// table in between.
+thread_local std::array<std::uint64_t, engine::store::kTableCount> loadsSeen = {};
+
+std::uint64_t& seen(TableId id) noexcept {
+  return loadsSeen[static_cast<std::size_t>(id)];
+}
+
+void noteLoads(const Store& store) noexcept {
+  for (std::size_t i = 0; i < engine::store::kTableCount; ++i) {
+    loadsSeen[i] = store.loads(static_cast<TableId>(i));
+  }
+}
+
+void noteLoads(const Store& store, TableId id) noexcept {
+  seen(id) = store.loads(id);
 }
 
 Status start(Engine& engine) {
@@ -86,7 +101,8 @@ Status start(Engine& engine) {
   if (!store.ok()) {
     return store.error();
   }
-  hideFromDumps();
+  cipher::hideFromDumps(g_encPolicyArray, sizeof g_encPolicyArray);
+  cipher::hideFromDumps(g_userInfo, sizeof g_userInfo);
   if (Status status = store.value()->loadAll(); !status.ok()) {
     return status;
   }
@@ -119,7 +135,6 @@ void take(Engine& engine, engine::PreparedPolicies& policies, unsigned long numb
   if (number > engine.fetched) {
     engine.fetched = number;
     policies.publish();
-    engine.store->acceptMemory(TableId::policy);
   }
 }
 
@@ -243,7 +258,11 @@ int save(TableId id, SaveCodes codes) noexcept {
     if (!engine.store) {
       return codes.failure;
     }
-    const Status status = engine.store->save(id);
+    if (id == TableId::policy) {
+      engine::forgetDiscardedPolicies();
+    }
+    Store& store = *engine.store;
+    const Status status = seen(id) == 0 ? store.save(id) : store.save(id, seen(id));
     if (status.ok()) {
       return 0;
     }
@@ -269,7 +288,11 @@ int kezuInitialize(unsigned int mode, char* scratch, char* message) {
 }
 
 int Q7_ReloadAllInfoIfChanged() {
-  return reload([](Store& store) { return store.reloadChanged(); });
+  return reload([](Store& store) {
+    Status status = store.reloadChanged();
+    noteLoads(store);
+    return status;
+  });
 }
 
 int Q7_ReloadAllInfoIfChanged3() {
@@ -277,11 +300,19 @@ int Q7_ReloadAllInfoIfChanged3() {
 }
 
 int Q7_LoadPolicyInfo(const char* source) {
-  return reload([source](Store& store) { return store.load(TableId::policy, source == nullptr ? "" : source); });
+  return reload([source](Store& store) {
+    Status status = store.load(TableId::policy, source == nullptr ? "" : source);
+    noteLoads(store, TableId::policy);
+    return status;
+  });
 }
 
 int Q7_LoadTableInfo() {
-  return reload([](Store& store) { return store.reloadChanged(TableId::tableInfo); });
+  return reload([](Store& store) {
+    Status status = store.reloadChanged(TableId::tableInfo);
+    noteLoads(store, TableId::tableInfo);
+    return status;
+  });
 }
 
 int Q7_SavePolicyInfo() {

@@ -39,6 +39,16 @@ struct Staged {
   int count;  // records built so far
 };
 
+// Puts a key to the next record. A reload on another thread may have put one of its own there since the slot was
+// cleared.
+void placeKey(const Staged& next, BCipherKey key) {
+  const std::atomic_ref place(g_makeKeyArray[next.slot][next.count]);
+  if (BCipherKey other = place.exchange(key, std::memory_order_acq_rel)) {
+    BCIPHER_WipeKey(other);
+    BCIPHER_DelKey(other);
+  }
+}
+
 // Copies the active table, less the policy at index `left_out`, into the next slot, keys duplicated.
 Staged stageNextSlot(int left_out) {
   const int current = activePolicySlot();
@@ -50,7 +60,7 @@ Staged stageNextSlot(int left_out) {
       continue;
     }
     if (BCipherKey key = kezu::observe(g_makeKeyArray[current][i])) {
-      kezu::publish(g_makeKeyArray[next.slot][next.count], BCIPHER_DupKey(key));
+      placeKey(next, BCIPHER_DupKey(key));
     }
     kezu::storeRecord(g_encPolicyArray[next.slot][next.count], g_encPolicyArray[current][i]);
     ++next.count;
@@ -133,7 +143,7 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
     return kRefused;
   }
   if (key != nullptr) {
-    kezu::publish(g_makeKeyArray[next.slot][next.count], key);
+    placeKey(next, key);
   }
   ++next.count;
   logCreated(record, flag);

@@ -91,6 +91,9 @@ Peeled peelOnce(PolicyWalk& policies, std::string_view policy_name, std::string_
       ++peeled.attempt;
     }
   });
+  if (policies.disturbed()) {
+    peeled.length = 0;
+  }
   return peeled;
 }
 
@@ -180,6 +183,9 @@ KEZU_STRING_FUNCTION(data_process_po_ed, {.forms = {"SIS"},
         ring.markSecret(std::min(length, kOutputSize));
       }
     });
+    if (policies.disturbed()) {
+      length = 0;
+    }
     return length != 0;
   });
   return length > kMaxResult ? sqlNull(flags) : ring.keep(length, buffer);

@@ -105,16 +105,12 @@ bool keyedDigestOnce(PolicyWalk& policies, std::string_view data, std::string_vi
                      const Algorithm& algorithm, Digest& digest) {
   bool found = false;
   bool failed = false;
-  policies.run(policy_name, [&](Q7EncPolicyInfo& /*policy*/, BCipherKey /*key*/) {
+  policies.run(policy_name, [&](Q7EncPolicyInfo& policy, BCipherKey /*key*/) {
     found = true;
-    // The record itself instead of the copy: the engine keeps a prepared key for it. Its name says afterwards that it
-    // was this policy's all along.
-    failed = failed ||
-             kezuHmacBinary(digest.value, &digest.length, bytes(data), static_cast<unsigned int>(data.size()),
-                            algorithm.id, &policies.record()) != 0 ||
-             !kezu::fieldEquals(policies.record().policyID, policy_name);
+    failed = failed || kezuHmacBinary(digest.value, &digest.length, bytes(data), static_cast<unsigned int>(data.size()),
+                                      algorithm.id, &policy) != 0;
   });
-  return found && !failed;
+  return found && !failed && !policies.disturbed();
 }
 
 bool keyedDigest(std::string_view data, std::string_view policy_name, const Algorithm& algorithm, Digest& digest) {

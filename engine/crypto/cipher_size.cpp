@@ -11,6 +11,7 @@
 #include "engine/policy/policy_codes.h"
 #include "engine/policy/policy_key.h"
 #include "kezu/engine.h"
+#include "kezu/shared.h"
 
 namespace engine {
 namespace {
@@ -22,12 +23,35 @@ int refuse(char* error, const char* reason) noexcept {
   return 1;
 }
 
+// Calls use(policy) with a copy of the named policy, and returns whether there is one. The copy is of one policy: it is
+// taken again when another thread rebuilt the slot, or emptied it, in between.
+template <typename Use>
+bool withActivePolicy(const char* name, Use use) noexcept {
+  constexpr int kMaxTries = 100;
+  for (int tries = 0; tries < kMaxTries; ++tries) {
+    const int flag = kezu::observe(g_encPolicyArray_flag);
+    const Q7EncPolicyInfo* found = name == nullptr ? nullptr : findActivePolicy(name);
+    if (found == nullptr) return false;
+    const std::ptrdiff_t index = found - &g_encPolicyArray[0][0];
+    const BCipherKey& place = g_makeKeyArray[index / kMaxPolicies][index % kMaxPolicies];
+    BCipherKey key = kezu::observe(place);
+    const PolicyCopy own(*found);
+    if (key != nullptr && kezu::fieldEquals(own->policyID, name) && kezu::observe(place) == key &&
+        kezu::observe(g_encPolicyArray_flag) == flag) {
+      use(*own);
+      return true;
+    }
+  }
+  return false;
+}
+
 // Whether the named policy exists and encrypts values whole, with a text encoding that `encodingFits` accepts.
 bool encryptsWhole(const char* name, bool (*encodingFits)(int)) noexcept {
-  const Q7EncPolicyInfo* policy = name == nullptr ? nullptr : findActivePolicy(name);
-  if (policy == nullptr) return false;
-  const PolicyCopy own(*policy);
-  return own->encPos == 0 && own->encLen == 0 && encodingFits(own->strMode);
+  bool whole = false;
+  withActivePolicy(name, [&](const Q7EncPolicyInfo& policy) {
+    whole = policyFault(policy) == nullptr && policy.encPos == 0 && policy.encLen == 0 && encodingFits(policy.strMode);
+  });
+  return whole;
 }
 
 }  // namespace
@@ -38,15 +62,19 @@ extern "C" {
 int kezuGetCipherSize(int size, char* policy, int* out, char* error) {
   if (out == nullptr) return engine::refuse(error, "there is no place for the size");
   if (size < 0) return engine::refuse(error, "the size is negative");
-  const Q7EncPolicyInfo* found = policy == nullptr ? nullptr : engine::findActivePolicy(policy);
-  if (found == nullptr) return engine::refuse(error, "there is no policy of that name");
-  const engine::PolicyCopy own(*found);
-  if (const char* fault = engine::policyFault(*own)) return engine::refuse(error, fault);
-  const engine::ValueFormat format(*own, *cipher::findSuite(own->algID, own->blockMode));
-  const std::optional<unsigned int> total = format.valueSize(static_cast<std::size_t>(size));
-  if (!total) return engine::refuse(error, "an encrypted value of that size is longer than 2147483647 bytes");
-  *out = static_cast<int>(*total);
-  return 0;
+  const char* fault = "there is no policy of that name";
+  engine::withActivePolicy(policy, [&](const Q7EncPolicyInfo& own) {
+    fault = engine::policyFault(own);
+    if (fault != nullptr) return;
+    const engine::ValueFormat format(own, *cipher::findSuite(own.algID, own.blockMode));
+    const std::optional<unsigned int> total = format.valueSize(static_cast<std::size_t>(size));
+    if (total) {
+      *out = static_cast<int>(*total);
+    } else {
+      fault = "an encrypted value of that size is longer than 2147483647 bytes";
+    }
+  });
+  return fault == nullptr ? 0 : engine::refuse(error, fault);
 }
 
 int checkNumericEnc(char* policy) {

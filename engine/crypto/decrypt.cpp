@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "cipher/key_slot.h"
 #include "engine/crypto/authenticated_parts.h"
 #include "engine/crypto/scratch.h"
 #include "engine/crypto/value_call.h"
@@ -42,7 +41,7 @@ cipher::Opened open(ValueCall& call, const ValueFormat& format, cipher::Prepared
   return {};
 }
 
-int decryptParts(ValueCall& call, const ValueFormat& format, cipher::Session& session) noexcept {
+int decryptParts(ValueCall& call, const ValueFormat& format, PolicySession& session) noexcept {
   const ValueParts parts = format.splitEncrypted(call.value());
   const Bytes flag = format.flag();
   if (session.key().suite().form == cipher::Form::kOneWay || parts.middle.size() < flag.size() ||
@@ -74,9 +73,8 @@ extern "C" int Q7_DecryptBinaryExt(unsigned char* out, unsigned int* outLen, con
                                    unsigned int inLen, Q7EncPolicyInfo* policy, _BCipherKey* key) {
   engine::ValueCall call(out, outLen, in, inLen);
   if (!call.valid() || policy == nullptr) return call.noResult();
-  const engine::PolicyCopy own(*policy);
-  cipher::Session session(key, own.binding());
+  engine::PolicySession session(key, *policy);
   if (!session) return call.noResult();
-  const engine::ValueFormat format(*own, session.key().suite());
+  const engine::ValueFormat format(session.policy(), session.key().suite());
   return format.leavesAsIs(call.value().size()) ? call.passOn() : engine::decryptParts(call, format, session);
 }

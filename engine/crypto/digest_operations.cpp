@@ -6,7 +6,6 @@
 
 #include "cipher/digest.h"
 #include "cipher/kdf.h"
-#include "cipher/key_slot.h"
 #include "cipher/secret.h"
 #include "engine/policy/policy_key.h"
 #include "kezu/engine.h"
@@ -44,16 +43,18 @@ const BCipherKey* handlePlaceOf(const Q7EncPolicyInfo* policy) noexcept {
 
 // With the keyed state that the record's handle keeps. A record of the table without a handle has no key: it may be
 // half written.
-bool hmacWith(BCipherKey key, const PolicyCopy& policy, Digest algorithm, unsigned char* out, Bytes data) noexcept {
-  cipher::Session session(key, policy.binding());
+bool hmacWith(BCipherKey key, const Q7EncPolicyInfo& policy, Digest algorithm, unsigned char* out,
+              Bytes data) noexcept {
+  PolicySession session(key, policy);
   const bool done = session && session.key().keyedDigest(algorithm, out, {&data, 1});
   return session.finish() && done;
 }
 
 // With a key derived for this one value.
-bool hmacOnce(const PolicyCopy& policy, Digest algorithm, unsigned char* out, Bytes data) noexcept {
+bool hmacOnce(const Q7EncPolicyInfo& policy, Digest algorithm, unsigned char* out, Bytes data) noexcept {
+  const PolicyCopy own(policy);
   cipher::SecretArray<cipher::kSha256Size> key;
-  return deriveHmacKey(*policy, key.bytes) && cipher::Hmac(algorithm, key.bytes).compute(out, {&data, 1});
+  return deriveHmacKey(*own, key.bytes) && cipher::Hmac(algorithm, key.bytes).compute(out, {&data, 1});
 }
 
 }  // namespace
@@ -78,10 +79,9 @@ int kezuHmacBinary(unsigned char* out, unsigned int* outLen, const unsigned char
   const auto chosen = static_cast<cipher::Digest>(algorithm);
   const BCipherKey* place = engine::handlePlaceOf(policy);
   BCipherKey key = place == nullptr ? nullptr : kezu::observe(*place);
-  const engine::PolicyCopy own(*policy);
   const engine::Bytes data(in, inLen);
-  const bool done =
-      place != nullptr ? engine::hmacWith(key, own, chosen, out, data) : engine::hmacOnce(own, chosen, out, data);
+  const bool done = place != nullptr ? engine::hmacWith(key, *policy, chosen, out, data)
+                                     : engine::hmacOnce(*policy, chosen, out, data);
   if (!done) return 1;
   *outLen = static_cast<unsigned int>(cipher::digestSize(chosen));
   return 0;

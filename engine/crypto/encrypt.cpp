@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "cipher/iv_source.h"
-#include "cipher/key_slot.h"
 #include "engine/crypto/authenticated_parts.h"
 #include "engine/crypto/value_call.h"
 #include "engine/crypto/value_format.h"
@@ -37,7 +36,7 @@ bool seal(std::span<unsigned char> raw, const ValueFormat& format, cipher::Prepa
   return associated.valid() && key.encrypt(cipherText, tag, iv, associated.bytes(), parts.middle);
 }
 
-int encryptParts(ValueCall& call, const ValueFormat& format, cipher::Session& session) noexcept {
+int encryptParts(ValueCall& call, const ValueFormat& format, PolicySession& session) noexcept {
   const ValueParts parts = format.splitClear(call.value());
   const std::optional<unsigned int> total = format.valueSize(call.value().size());
   if (!total) return call.noResult();
@@ -53,7 +52,7 @@ int encryptParts(ValueCall& call, const ValueFormat& format, cipher::Session& se
   return call.done(*total);
 }
 
-int encryptValue(ValueCall& call, const ValueFormat& format, cipher::Session& session) noexcept {
+int encryptValue(ValueCall& call, const ValueFormat& format, PolicySession& session) noexcept {
   const Bytes value = call.value();
   if (format.leavesAsIs(value.size())) return call.passOn();
   if (!format.flag().empty() && format.looksEncoded(format.splitEncrypted(value).middle)) {
@@ -69,8 +68,7 @@ extern "C" int Q7_EncryptBinaryExt(unsigned char* out, unsigned int* outLen, con
                                    unsigned int inLen, Q7EncPolicyInfo* policy, _BCipherKey* key) {
   engine::ValueCall call(out, outLen, in, inLen);
   if (!call.valid() || policy == nullptr) return call.noResult();
-  const engine::PolicyCopy own(*policy);
-  cipher::Session session(key, own.binding());
+  engine::PolicySession session(key, *policy);
   if (!session) return call.noResult();
-  return engine::encryptValue(call, engine::ValueFormat(*own, session.key().suite()), session);
+  return engine::encryptValue(call, engine::ValueFormat(session.policy(), session.key().suite()), session);
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
 #include "engine/policy/policy_codes.h"
 
@@ -33,20 +34,22 @@ std::size_t storedIvSize(const cipher::Suite& suite, int ivMode) noexcept {
 
 ValueFormat::ValueFormat(const Q7EncPolicyInfo& policy, const cipher::Suite& suite) noexcept
     : suite_(suite),
-      flag_(reinterpret_cast<const unsigned char*>(policy.encFlag), static_cast<std::size_t>(policy.encFlagLen)),
+      flagSize_(static_cast<std::size_t>(policy.encFlagLen)),
       position_(static_cast<std::size_t>(policy.encPos)),
       length_(static_cast<std::size_t>(policy.encLen)),
       ivSize_(storedIvSize(suite, policy.ivMode)),
       encoding_(policy.strMode),
       partial_(policy.encPos != 0 || policy.encLen != 0),
-      computesIv_(policy.ivMode == kIvDeterministic && ivSize_ != 0) {}
+      computesIv_(policy.ivMode == kIvDeterministic && ivSize_ != 0) {
+  if (flagSize_ != 0) std::memcpy(flag_, policy.encFlag, sizeof flag_);
+}
 
 std::uint64_t ValueFormat::rawSize(std::uint64_t size) const noexcept {
   return kVersionSize + ivSize_ + suite_.cipherSize(size) + suite_.tagSize;
 }
 
 std::uint64_t ValueFormat::encodedSize(std::uint64_t size) const noexcept {
-  return flag_.size() + textSize(encoding_, rawSize(size));
+  return flagSize_ + textSize(encoding_, rawSize(size));
 }
 
 std::optional<unsigned int> ValueFormat::valueSize(std::size_t size) const noexcept {
@@ -79,8 +82,8 @@ bool ValueFormat::fits(std::size_t middle, bool somethingAfter) const noexcept {
 }
 
 bool ValueFormat::looksEncoded(Bytes text) const noexcept {
-  if (text.size() < flag_.size() || !std::equal(flag_.begin(), flag_.end(), text.begin())) return false;
-  const Bytes encoded = text.subspan(flag_.size());
+  if (text.size() < flagSize_ || !std::equal(flag_, flag_ + flagSize_, text.begin())) return false;
+  const Bytes encoded = text.subspan(flagSize_);
   switch (encoding_) {
     case kTextBase64: {
       unsigned char head[3];

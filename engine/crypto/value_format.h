@@ -29,7 +29,7 @@ struct ValueParts {
   Bytes after;   // clear
 };
 
-// The format of one policy's values. Refers to the policy record's flag; the record stays the caller's.
+// The format of one policy's values.
 class ValueFormat {
  public:
   // `policy` is free of faults and `suite` is its suite.
@@ -44,7 +44,7 @@ class ValueFormat {
   // Bytes of the initialization vector in a raw value.
   [[nodiscard]] std::size_t ivSize() const noexcept { return ivSize_; }
 
-  [[nodiscard]] Bytes flag() const noexcept { return flag_; }
+  [[nodiscard]] Bytes flag() const noexcept { return {flag_, flagSize_}; }
 
   // Whether a value of `size` bytes, clear or encrypted, is stored as it is: one that ends before the range to encrypt
   // begins.
@@ -84,7 +84,8 @@ class ValueFormat {
 
  private:
   cipher::Suite suite_;
-  Bytes flag_;
+  unsigned char flag_[sizeof Q7EncPolicyInfo::encFlag];
+  std::size_t flagSize_;
   std::size_t position_;
   std::size_t length_;  // 0 for all from the position on
   std::size_t ivSize_;

@@ -5,12 +5,15 @@
 
 #include <openssl/crypto.h>
 
+#include <atomic>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "cipher/kdf.h"
-#include "cipher/key_slot.h"
 #include "cipher/suite.h"
 #include "engine/policy/policy_codes.h"
 #include "kezu/shared.h"
@@ -74,7 +77,57 @@ bool deriveMaterial(const Q7EncPolicyInfo& policy, const cipher::Suite& suite, c
          cipher::hkdfSha256(material.tagKey, key, kTagLabel);
 }
 
+// The record as its words are compared: in pairs, as the binding's words are.
+using Word = kezu::detail::Word<alignof(Q7EncPolicyInfo)>;
+using Pair = std::uint64_t;
+constexpr std::size_t kRecordWords = sizeof(Q7EncPolicyInfo) / sizeof(Word);
+constexpr std::size_t kKeyBegin = offsetof(Q7EncPolicyInfo, columnKey);
+constexpr std::size_t kGapPair = kNameEnd / sizeof(Pair);
+constexpr Pair kOutsideGap = ~(((Pair{1} << 8 * kNameGap) - 1) << 8 * (kNameEnd % sizeof(Pair)));
+static_assert(sizeof(Pair) == 2 * sizeof(Word) && std::endian::native == std::endian::little);
+static_assert(kKeyBegin % sizeof(Word) == 0 && kMaxColumnKey % sizeof(Word) == 0);
+
+constexpr bool isOfKey(std::size_t word) noexcept {
+  return word >= kKeyBegin / sizeof(Word) && word < (kKeyBegin + kMaxColumnKey) / sizeof(Word);
+}
+
+template <std::size_t Index>
+Word load(const Word* shared) noexcept {
+  if constexpr (Index < kRecordWords) {
+    return std::atomic_ref(const_cast<Word&>(shared[Index])).load(std::memory_order_relaxed);
+  }
+  return 0;
+}
+
+// Reads a pair of the record's words, compares it, and copies it unless it is of the column key.
+template <std::size_t Index>
+Pair takePair(const Word* shared, const cipher::Binding& binding, unsigned char* copy) noexcept {
+  const Word first = load<2 * Index>(shared);
+  const Word second = load<2 * Index + 1>(shared);
+  const Pair kept = (isOfKey(2 * Index) ? 0 : Pair{first}) | (isOfKey(2 * Index + 1) ? 0 : Pair{second} << 32);
+  std::memcpy(copy + Index * sizeof kept, &kept, 2 * Index + 1 < kRecordWords ? sizeof kept : sizeof first);
+  const Pair difference = (first | Pair{second} << 32) ^ binding.word(Index);
+  return Index == kGapPair ? difference & kOutsideGap : difference;
+}
+
+template <std::size_t... Indices>
+Pair takePairs(const Word* shared, const cipher::Binding& binding, unsigned char* copy,
+               std::index_sequence<Indices...> /*all*/) noexcept {
+  return (takePair<Indices>(shared, binding, copy) | ...);
+}
+
+// Copies a record but for its column key, and returns whether all of it is what the binding has, in constant time.
+bool takeBound(Q7EncPolicyInfo& copy, const Q7EncPolicyInfo& shared, const cipher::Binding& binding) noexcept {
+  constexpr auto kPairs = std::make_index_sequence<(kRecordWords + 1) / 2>();
+  const Pair differences = takePairs(kezu::detail::words(const_cast<Q7EncPolicyInfo&>(shared)), binding,
+                                     reinterpret_cast<unsigned char*>(&copy), kPairs);
+  return differences == 0 && binding.size() == sizeof shared;
+}
+
 }  // namespace
+
+PolicySession::PolicySession(BCipherKey key, const Q7EncPolicyInfo& shared) noexcept
+    : session_(key, [this, &shared](const cipher::Binding& binding) { return takeBound(policy_, shared, binding); }) {}
 
 PolicyCopy::PolicyCopy(const Q7EncPolicyInfo& shared) noexcept {
   kezu::loadRecord(record_, shared);

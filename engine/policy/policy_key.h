@@ -3,9 +3,11 @@
 // From a policy record to the key handle that its values are encrypted with.
 #pragma once
 
+#include <cstdint>
 #include <span>
 
 #include "cipher/digest.h"
+#include "cipher/key_slot.h"
 #include "kezu/engine.h"
 
 namespace engine {
@@ -29,6 +31,26 @@ class PolicyCopy {
 
  private:
   Q7EncPolicyInfo record_;
+};
+
+// One operation under a policy, as cipher::Session: with the key handle that was made for the policy. The record may
+// lie in the table, where another thread stores it at the same time: it is read in place, each word of it once, and
+// compared with what the handle was made for. Where all of it is equal, it was that policy.
+class PolicySession {
+ public:
+  PolicySession(BCipherKey key, const Q7EncPolicyInfo& shared) noexcept;
+
+  // As cipher::Session has them.
+  explicit operator bool() const noexcept { return static_cast<bool>(session_); }
+  cipher::PreparedKey& key() noexcept { return session_.key(); }
+  bool finish() noexcept { return session_.finish(); }
+
+  // The policy, with zeros for its column key, which is not copied.
+  [[nodiscard]] const Q7EncPolicyInfo& policy() const noexcept { return policy_; }
+
+ private:
+  alignas(std::uint64_t) Q7EncPolicyInfo policy_;
+  cipher::Session session_;  // after policy_, which making it fills
 };
 
 // Why a record can't be a policy: a constant text, or null when it can. Checks every field: the codes, their

@@ -31,6 +31,12 @@ void emptySlot(int slot) noexcept {
   }
 }
 
+bool holdsKeys(int slot) noexcept {
+  const auto& keys = g_makeKeyArray[slot];
+  return std::any_of(std::begin(keys), std::end(keys),
+                     [](const BCipherKey& key) { return kezu::observe(key) != nullptr; });
+}
+
 }  // namespace
 
 Policies activePolicies() {
@@ -46,6 +52,18 @@ bool activeKeysComplete() noexcept {
   const int slot = activeSlot();
   const BCipherKey* keys = g_makeKeyArray[slot];
   return std::all_of(keys, keys + slotCount(slot), [](const BCipherKey& key) { return kezu::observe(key) != nullptr; });
+}
+
+void forgetDiscardedPolicies() noexcept {
+  const int active = activeSlot();
+  if (slotCount(active) != 0) {
+    return;
+  }
+  for (int slot = 0; slot < kPolicySlots; ++slot) {
+    if (slot != active && holdsKeys(slot)) {
+      emptySlot(slot);
+    }
+  }
 }
 
 std::optional<PreparedPolicies> PreparedPolicies::prepare(Policies policies) {
@@ -76,11 +94,13 @@ void PreparedPolicies::publish() noexcept {
   emptySlot(next);
   for (std::size_t i = 0; i < policies_.size(); ++i) {
     kezu::storeRecord(g_encPolicyArray[next][i], policies_[i]);
-    kezu::publish(g_makeKeyArray[next][i], keys_[i]);
+    // A change under way on another thread may have put a key of its own there since the slot was emptied.
+    destroyKey(std::atomic_ref(g_makeKeyArray[next][i]).exchange(keys_[i], std::memory_order_acq_rel));
   }
   kezu::publish(g_numberOfEncPolicy[next], static_cast<int>(policies_.size()));
   kezu::publish(g_encPolicyArray_flag, next);
   keys_.clear();
+  forgetDiscardedPolicies();
 }
 
 }  // namespace engine

@@ -20,6 +20,10 @@ Policies activePolicies();
 // Whether every policy in use has its key.
 bool activeKeysComplete() noexcept;
 
+// When no policy is in use, wipes the ones that the other slots still hold, with their keys. A thread that is on its
+// way through one of them finds nothing there any more, as it does in the active slot.
+void forgetDiscardedPolicies() noexcept;
+
 // A policy table with its keys, not in use yet.
 class PreparedPolicies {
  public:

@@ -215,6 +215,35 @@ Record emptyRecord() {
   return record;
 }
 
+// Builds a table from CBOR, and stops at what no table has: a fourth level, which a reader that calls itself would run
+// out of stack on, or a count that the payload has no bytes for.
+class TableBuilder : public nlohmann::detail::json_sax_dom_parser<Json> {
+ public:
+  TableBuilder(Json& table, std::size_t payloadSize) : json_sax_dom_parser(table, false), payloadSize_(payloadSize) {}
+
+  bool start_object(std::size_t count) { return enter(count) && json_sax_dom_parser::start_object(count); }
+  bool start_array(std::size_t count) { return enter(count) && json_sax_dom_parser::start_array(count); }
+  bool end_object() { return leave() && json_sax_dom_parser::end_object(); }
+  bool end_array() { return leave() && json_sax_dom_parser::end_array(); }
+
+ private:
+  static constexpr int kLevels = 3;  // the table, its records, a record
+  static constexpr auto kUncounted = static_cast<std::size_t>(-1);
+
+  bool enter(std::size_t count) { return ++level_ <= kLevels && (count == kUncounted || count <= payloadSize_); }
+  bool leave() { return --level_ >= 0; }
+
+  std::size_t payloadSize_;
+  int level_ = 0;
+};
+
+// Null for what is no table's CBOR.
+Json parse(const cipher::SecretBytes& payload) {
+  Json table;
+  TableBuilder builder(table, payload.size());
+  return Json::sax_parse(payload.begin(), payload.end(), &builder, Json::input_format_t::cbor) ? table : Json();
+}
+
 }  // namespace
 
 template <typename Data>
@@ -234,7 +263,7 @@ cipher::SecretBytes encode(const Data& data) {
 
 template <typename Data>
 Result<Data> decode(const cipher::SecretBytes& payload) {
-  const Json table = Json::from_cbor(payload.begin(), payload.end(), true, false);
+  const Json table = parse(payload);
   if (!table.is_object() || table.size() != 2 || !table.contains(kSettings) || !table.contains(kRecords) ||
       !table[kRecords].is_array()) {
     return invalid("does not hold a table");

@@ -15,6 +15,7 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,6 +39,13 @@ struct TableKeys {
   cipher::SecretArray<32> seal;                           // AES-256-GCM
   cipher::SecretArray<32> check;                          // HMAC-SHA256 of the file-check string
   std::array<unsigned char, kKeyNumberSize> number = {};  // tells master keys apart, and nothing about them
+};
+
+// The keys that a table's file may be sealed with: what is written has the current ones. The previous ones are there
+// while a change of the master key is not finished.
+struct TableKeyRing {
+  TableKeys current;
+  std::optional<TableKeys> previous;
 };
 
 // Derives the keys of a table. False when OpenSSL fails.

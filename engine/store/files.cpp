@@ -55,11 +55,22 @@ namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-// Closes a descriptor when the scope ends, errno kept.
+// Makes a call again for as long as a signal interrupts it.
+template <typename Call>
+auto uninterrupted(const Call& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) {
+    result = call();
+  }
+  return result;
+}
+
+// Closes a descriptor when the scope ends, errno kept. close() is not made again when it is interrupted: Linux has
+// given the descriptor up by then, and another thread may have got it.
 class OpenFile {
  public:
   OpenFile(FileSystem& files, const std::string& path, int flags, mode_t mode = 0)
-      : files_(files), fd_(files.open(path.c_str(), flags | O_CLOEXEC, mode)) {}
+      : files_(files), fd_(uninterrupted([&] { return files.open(path.c_str(), flags | O_CLOEXEC, mode); })) {}
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
   ~OpenFile() {
@@ -85,15 +96,14 @@ class OpenFile {
 bool readAll(FileSystem& files, int fd, cipher::SecretBytes& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {
-    const ssize_t got = files.read(fd, bytes.data() + done, bytes.size() - done);
+    const ssize_t got = uninterrupted([&] { return files.read(fd, bytes.data() + done, bytes.size() - done); });
+    if (got < 0) {
+      return false;
+    }
     if (got == 0) {
       break;
     }
-    if (got > 0) {
-      done += static_cast<std::size_t>(got);
-    } else if (errno != EINTR) {
-      return false;
-    }
+    done += static_cast<std::size_t>(got);
   }
   bytes.resize(done);
   return true;
@@ -101,15 +111,15 @@ bool readAll(FileSystem& files, int fd, cipher::SecretBytes& bytes) {
 
 bool writeAll(FileSystem& files, int fd, std::span<const unsigned char> bytes) {
   while (!bytes.empty()) {
-    const ssize_t put = files.write(fd, bytes.data(), bytes.size());
-    if (put > 0) {
-      bytes = bytes.subspan(static_cast<std::size_t>(put));
-    } else if (put == 0) {
-      errno = EIO;
-      return false;
-    } else if (errno != EINTR) {
+    const ssize_t put = uninterrupted([&] { return files.write(fd, bytes.data(), bytes.size()); });
+    if (put < 0) {
       return false;
     }
+    if (put == 0) {
+      errno = EIO;
+      return false;
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(put));
   }
   return true;
 }
@@ -138,7 +148,7 @@ std::optional<FileIdentity> fillFile(FileSystem& files, int fd, std::span<const 
     return std::nullopt;
   }
   failed = "cannot be synced";
-  if (files.fsync(fd) != 0) {
+  if (uninterrupted([&] { return files.fsync(fd); }) != 0) {
     return std::nullopt;
   }
   return identityOf(status);
@@ -222,7 +232,7 @@ Result<FileIdentity> writeFile(FileSystem& files, const std::string& path, std::
 
 Status syncDirectory(FileSystem& files, const std::string& directory) {
   const OpenFile folder(files, directory, O_RDONLY | O_DIRECTORY);
-  if (!folder.ok() || files.fsync(folder.fd()) != 0) {
+  if (!folder.ok() || uninterrupted([&] { return files.fsync(folder.fd()); }) != 0) {
     return systemError(directory, "cannot be synced");
   }
   return {};

@@ -20,6 +20,9 @@
 namespace engine::store {
 
 // The system calls. Each member is the call of the same name: its arguments, -1 and errno for a failure.
+//
+// A signal can interrupt open, read, write, fsync and flock (EINTR, POSIX.1-2017): the operations below make these
+// again. The others are not interrupted; a failure of theirs is final, whatever its number.
 class FileSystem {
  public:
   FileSystem() = default;

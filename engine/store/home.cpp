@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "engine/store/envelope.h"
 #include "engine/store/toml_values.h"
@@ -93,7 +94,8 @@ int hexDigit(unsigned char c) noexcept {
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-bool decodeHex(const cipher::SecretBytes& text, cipher::SecretBytes& bytes) {
+bool decodeHex(std::span<const unsigned char> text, cipher::SecretBytes& bytes) {
+  bytes.resize(kMasterKeySize);
   if (text.size() != 2 * bytes.size()) {
     return false;
   }
@@ -106,6 +108,25 @@ bool decodeHex(const cipher::SecretBytes& text, cipher::SecretBytes& bytes) {
     bytes[i] = static_cast<unsigned char>(high << 4 | low);
   }
   return true;
+}
+
+// Reads what stands on the lines of a text: one key or two.
+bool decodeKeys(std::span<const unsigned char> text, MasterKeys& keys) {
+  constexpr std::size_t kDigits = 2 * kMasterKeySize;
+  if (text.size() <= kDigits) {
+    return decodeHex(text, keys.current);
+  }
+  return decodeHex(text.first(kDigits), keys.current) && text[kDigits] == '\n' &&
+         decodeHex(text.subspan(kDigits + 1), keys.previous);
+}
+
+void appendLine(cipher::SecretBytes& text, const cipher::SecretBytes& key) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  for (const unsigned char byte : key) {
+    text.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
+    text.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
+  }
+  text.push_back('\n');
 }
 
 }  // namespace
@@ -161,12 +182,14 @@ Result<Home> readSettings(FileSystem& files, const std::string& directory) {
     }
   } catch (const toml::parse_error& error) {
     return invalidSetting(source, error.source(), std::string(error.description().substr(0, 100)));
+  } catch (const TomlFault&) {
+    return invalid(source, "is not valid TOML");
   }
   return home;
 }
 
-Result<cipher::SecretBytes> readMasterKey(FileSystem& files, const std::string& path) {
-  auto image = readFile(files, path, 2 * kMasterKeySize + 2, Links::follow);
+Result<MasterKeys> readMasterKeys(FileSystem& files, const std::string& path) {
+  auto image = readFile(files, path, 2 * (2 * kMasterKeySize + 2), Links::follow);
   if (!image.ok()) {
     return Error{image.error().kind, image.error().text + "; the tables can't be opened without their master key"};
   }
@@ -174,14 +197,24 @@ Result<cipher::SecretBytes> readMasterKey(FileSystem& files, const std::string& 
     return status.error();
   }
   cipher::SecretBytes& text = image.value().bytes;
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+  for (int i = 0; i < 2 && !text.empty() && (text.back() == '\n' || text.back() == '\r'); ++i) {
     text.pop_back();
   }
-  cipher::SecretBytes key(kMasterKeySize);
-  if (!decodeHex(text, key)) {
+  MasterKeys keys;
+  if (!decodeKeys(text, keys)) {
     return invalid(path, fmt::format("is not a master key: {} hexadecimal digits", 2 * kMasterKeySize));
   }
-  return key;
+  return keys;
+}
+
+cipher::SecretBytes masterKeyText(const MasterKeys& keys) {
+  cipher::SecretBytes text;
+  text.reserve(2 * (2 * kMasterKeySize + 1));
+  appendLine(text, keys.current);
+  if (!keys.previous.empty()) {
+    appendLine(text, keys.previous);
+  }
+  return text;
 }
 
 }  // namespace engine::store

@@ -52,8 +52,18 @@ Result<Home> openHome(FileSystem& files, const std::string& directory);
 //   object_group = "orvanta"    # 1 to 255 bytes; without it, all active symmetric keys are taken for policies
 Result<Home> readSettings(FileSystem& files, const std::string& directory);
 
-// Reads the master key: 64 hexadecimal digits, and perhaps a line end. The file must be closed to group and others.
-Result<cipher::SecretBytes> readMasterKey(FileSystem& files, const std::string& path);
+// The keys in the master key's file.
+struct MasterKeys {
+  cipher::SecretBytes current;   // kMasterKeySize bytes: seals what is written
+  cipher::SecretBytes previous;  // the one before, while a change of the key is not finished; else empty
+};
+
+// Reads the master key: 64 hexadecimal digits, and perhaps a line end. While a change of it is not finished, the key
+// before stands on a second line. The file must be closed to group and others.
+Result<MasterKeys> readMasterKeys(FileSystem& files, const std::string& path);
+
+// The text of the master key's file.
+cipher::SecretBytes masterKeyText(const MasterKeys& keys);
 
 // An error when a file is open to group or others. `path` is for the message.
 Status checkPrivate(const struct stat& status, const std::string& path);

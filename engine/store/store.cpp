@@ -2,7 +2,9 @@
 #include "engine/store/store.h"
 
 #include <cerrno>
+#include <new>
 
+#include "cipher/hidden_memory.h"
 #include "kezu/shared.h"
 
 namespace engine::store {
@@ -45,8 +47,16 @@ Status keepOld(FileSystem& files, const std::string& path) {
 
 }  // namespace
 
+Status deriveKeyRing(TableKeyRing& keys, const MasterKeys& masterKeys, const Table& table) {
+  const bool done =
+      deriveTableKeys(keys.current, masterKeys.current, table.name()) &&
+      (masterKeys.previous.empty() || deriveTableKeys(keys.previous.emplace(), masterKeys.previous, table.name()));
+  return done ? Status()
+              : Error{Error::Kind::system, "the keys of the configuration files can't be derived: OpenSSL failed"};
+}
+
 Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table,
-                                 const TableKeys& keys) {
+                                 const TableKeyRing& keys) {
   auto image = readFile(files, path, kMaxFileSize, Links::refuse);
   if (!image.ok()) {
     return image.error();
@@ -54,31 +64,49 @@ Result<TableImage> openTableFile(FileSystem& files, const std::string& path, con
   if (Status status = checkPrivate(image.value().status, path); !status.ok()) {
     return status.error();
   }
-  auto payload = openPayload(image.value().bytes, table.name(), keys);
+  auto payload = openPayload(image.value().bytes, table.name(), keys.current);
+  if (!payload.ok() && keys.previous) {
+    if (auto older = openPayload(image.value().bytes, table.name(), *keys.previous); older.ok()) {
+      payload = std::move(older);
+    }
+  }
   if (!payload.ok()) {
     return at(path, payload.error());
   }
-  std::string check = fileCheckString(payload.value(), keys);
+  std::string check = fileCheckString(payload.value(), keys.current);
   return TableImage{std::move(payload.value()), identityOf(image.value().status), std::move(check)};
 }
 
+void* Store::operator new(std::size_t size) {
+  void* memory = cipher::allocateHidden(size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+void Store::operator delete(void* memory, std::size_t size) noexcept {
+  cipher::freeHidden(memory, size);
+}
+
 Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {
-  auto master = readMasterKey(files, home.masterKey);
+  const auto master = readMasterKeys(files, home.masterKey);
   if (!master.ok()) {
     return master.error();
   }
   std::unique_ptr<Store> store(new Store(files, std::move(home)));
   for (std::size_t i = 0; i < kTableCount; ++i) {
     store->entries_[i].table = allTables()[i];
-    if (!deriveTableKeys(store->entries_[i].keys, master.value(), allTables()[i]->name())) {
-      return Error{Error::Kind::system, "the keys of the configuration files can't be derived: OpenSSL failed"};
+    if (Status status = deriveKeyRing(store->entries_[i].keys, master.value(), *allTables()[i]); !status.ok()) {
+      return status.error();
     }
   }
   return store;
 }
 
+std::string tablePath(const Home& home, const Table& table) {
+  return home.file(std::string(table.name()) + kSuffix);
+}
+
 std::string Store::path(const Entry& entry) const {
-  return home_.file(std::string(entry.table->name()) + kSuffix);
+  return tablePath(home_, *entry.table);
 }
 
 std::string Store::path(TableId id) const {
@@ -159,11 +187,6 @@ Status Store::reload(const std::vector<Entry*>& entries) {
     all.push_back(std::move(staged.value()));
   }
   for (Staged& staged : all) {
-    Entry& entry = *staged.entry;
-    const bool first = entry.memoryCheck.empty();
-    entry.overtaken = !first && fileCheckString(entry.table->capture(), entry.keys) != entry.memoryCheck;
-  }
-  for (Staged& staged : all) {
     publish(staged);
   }
   return {};
@@ -173,28 +196,24 @@ void Store::publish(Staged& staged) noexcept {
   Entry& entry = *staged.entry;
   staged.table->publish();
   entry.identity = staged.identity;
-  entry.memoryCheck = std::move(staged.checkString);
+  entry.checkString = std::move(staged.checkString);
+  ++entry.loads;
   show(entry);
 }
 
 void Store::show(const Entry& entry) noexcept {
   if (auto* shown = entry.table->checkString()) {
-    kezu::storeField(*shown, entry.memoryCheck);
+    kezu::storeField(*shown, entry.checkString);
   }
 }
 
-void Store::acceptMemory(TableId id) {
+Status Store::save(TableId id, std::uint64_t loadsBefore) {
   Entry& mine = entry(id);
-  mine.memoryCheck = fileCheckString(mine.table->capture(), mine.keys);
-}
-
-Status Store::save(TableId id) {
-  Entry& mine = entry(id);
-  const cipher::SecretBytes payload = mine.table->capture();
-  mine.memoryCheck = fileCheckString(payload, mine.keys);
-  if (std::exchange(mine.overtaken, false)) {
+  if (loadsBefore != mine.loads) {
+    mine.identity = {};
     return conflict(path(mine));
   }
+  const cipher::SecretBytes payload = mine.table->capture();
   if (Status status = mine.table->check(payload); !status.ok()) {
     return at(path(mine),
               {status.error().kind, "not saved, because it could not be loaded again: " + status.error().text});
@@ -205,6 +224,7 @@ Status Store::save(TableId id) {
 Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   const std::string target = path(entry);
   const std::string fresh = target + ".tmp";
+  std::string check = fileCheckString(payload, entry.keys.current);
   const auto lock = FileLock::acquire(files_, home_.file(kLockFile));
   if (!lock.ok()) {
     return lock.error();
@@ -216,7 +236,7 @@ Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   if (identityOf(current.value()) != entry.identity) {
     return conflict(target);
   }
-  const auto sealed = sealPayload(payload, entry.table->name(), entry.keys);
+  const auto sealed = sealPayload(payload, entry.table->name(), entry.keys.current);
   if (!sealed.ok()) {
     return at(target, sealed.error());
   }
@@ -230,6 +250,7 @@ Status Store::write(Entry& entry, const cipher::SecretBytes& payload) {
   }
   // The new version is in place, also where the sync fails.
   entry.identity = written.value();
+  entry.checkString = std::move(check);
   show(entry);
   return syncDirectory(files_, home_.directory);
 }

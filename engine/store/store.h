@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,8 +23,15 @@ struct TableImage {
   std::string checkString;
 };
 
+// Derives the keys of a table.
+Status deriveKeyRing(TableKeyRing& keys, const MasterKeys& masterKeys, const Table& table);
+
 // Opens the file of a table, at its own path or another. The payload's contents are not looked at yet.
-Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table, const TableKeys& keys);
+Result<TableImage> openTableFile(FileSystem& files, const std::string& path, const Table& table,
+                                 const TableKeyRing& keys);
+
+// Path of a table's file.
+std::string tablePath(const Home& home, const Table& table);
 
 // Not safe for several threads at once: the caller holds a lock over every call.
 class Store {
@@ -34,10 +42,14 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
+  // It holds the keys of the files: on pages that are kept out of core dumps.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* memory, std::size_t size) noexcept;
+
   FileSystem& files() const noexcept { return files_; }
   const Home& home() const noexcept { return home_; }
   std::string path(TableId id) const;
-  const TableKeys& keys(TableId id) const noexcept { return entry(id).keys; }
+  const TableKeyRing& keys(TableId id) const noexcept { return entry(id).keys; }
 
   // Loads every table, or none on failure.
   Status loadAll();
@@ -52,25 +64,28 @@ class Store {
   // Loads a table from its file, or from the file at `source` if that is not empty, changed or not.
   Status load(TableId id, const std::string& source);
 
-  // Saves a table. Fails with Error::Kind::conflict, with nothing written, when the file on disk is not the one last
-  // loaded or saved here, or when a reload replaced the table while a change of it was being made.
+  // How often the table was loaded. Whoever changes a table notes this before looking at it, and saves with it.
+  std::uint64_t loads(TableId id) const noexcept { return entry(id).loads; }
+
+  // Saves a table that was changed since it had been loaded `loadsBefore` times. Fails with Error::Kind::conflict, with
+  // nothing written, when the file on disk is not the one last loaded or saved here, or when the table was loaded
+  // since: then the change is gone or mixed with what was loaded, and the next reload takes the file in again.
   //
   // The order of steps keeps the file and, once there was a save, its .bak whole at every instant: the new version is
   // complete and synced before anything is renamed, the .bak is replaced by a link to the old version in one rename,
   // and then the file by the new one in another.
-  Status save(TableId id);
+  Status save(TableId id, std::uint64_t loadsBefore);
 
-  // Takes the table as it is in memory for one that belongs there: the next reload need not take it for a change under
-  // way.
-  void acceptMemory(TableId id);
+  // Saves a table that nobody can have loaded meanwhile.
+  Status save(TableId id) { return save(id, loads(id)); }
 
  private:
   struct Entry {
     const Table* table = nullptr;
-    TableKeys keys;
+    TableKeyRing keys;
     FileIdentity identity;    // of the version last loaded or saved here
-    std::string memoryCheck;  // file-check string of the table in memory when it was last loaded or its save was tried
-    bool overtaken = false;   // a reload replaced the table while a change of it was being made
+    std::string checkString;  // of that version
+    std::uint64_t loads = 0;
   };
   struct Staged {
     Entry* entry = nullptr;

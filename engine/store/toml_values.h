@@ -3,12 +3,11 @@
 // Reading the values of kezu.toml, with errors that name the file, the line and the setting.
 #pragma once
 
-#include <toml++/toml.h>
-
 #include <string>
 
 #include "engine/store/kms_settings.h"
 #include "engine/store/result.h"
+#include "engine/store/toml.h"
 
 namespace engine::store {
 

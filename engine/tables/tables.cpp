@@ -2,17 +2,16 @@
 //
 // The tables themselves. Those that hold keys or passwords start on pages of their own, so that they can be kept out of
 // core dumps without taking anything else with them.
+#include "cipher/hidden_memory.h"
 #include "kezu/engine.h"
 
-namespace {
-constexpr std::size_t kPage = 4096;
-}
+using cipher::kPageSize;
 
 extern "C" {
 
-alignas(kPage) Q7EncPolicyInfo g_encPolicyArray[kPolicySlots][kMaxPolicies];
-alignas(kPage) Q7UserInfo g_userInfo[kMaxUsers];
-alignas(kPage) BCipherKey g_makeKeyArray[kPolicySlots][kMaxPolicies];
+alignas(kPageSize) Q7EncPolicyInfo g_encPolicyArray[kPolicySlots][kMaxPolicies];
+alignas(kPageSize) Q7UserInfo g_userInfo[kMaxUsers];
+alignas(kPageSize) BCipherKey g_makeKeyArray[kPolicySlots][kMaxPolicies];
 int g_numberOfEncPolicy[kPolicySlots];
 int g_encPolicyArray_flag;
 

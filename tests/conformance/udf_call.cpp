@@ -74,6 +74,23 @@ Arguments& Arguments::number(long long value) {
   return *this;
 }
 
+Arguments& Arguments::real(double value) {
+  add(REAL_RESULT, copyOf({reinterpret_cast<const char*>(&value), sizeof value}), sizeof value);
+  return *this;
+}
+
+Arguments& Arguments::decimal(std::string_view digits) {
+  add(DECIMAL_RESULT, copyOf(digits), digits.size());
+  return *this;
+}
+
+Arguments& Arguments::copy(const UDF_ARGS& other, std::size_t position) {
+  const char* bytes = other.args[position];
+  const unsigned long length = other.lengths[position];
+  add(other.arg_type[position], bytes == nullptr ? nullptr : copyOf({bytes, length}), length);
+  return *this;
+}
+
 Arguments& Arguments::null(Item_result type) {
   add(type, nullptr, 0);
   return *this;

@@ -24,7 +24,12 @@ class Arguments {
 
   Arguments& text(std::string_view bytes);
   Arguments& number(long long value);
+  Arguments& real(double value);
+  Arguments& decimal(std::string_view digits);
   Arguments& null(Item_result type = STRING_RESULT);
+
+  // A copy of another call's argument.
+  Arguments& copy(const UDF_ARGS& other, std::size_t position);
 
   // Replaces one argument by SQL NULL, or by a text.
   Arguments& setNull(std::size_t position);

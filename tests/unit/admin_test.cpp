@@ -323,23 +323,90 @@ TEST_F(AdminTest, RootKeepsTheOwnerOfTheFiles) {
 
 TEST_F(AdminTest, WrongCallsReturn2) {
   for (const char* arguments :
-       {"", "nothing", "init", "init --home /x", "passwd", "status extra", "--wrong", "status --home"}) {
+       {"", "nothing", "init", "init --home /x", "passwd", "status extra", "--wrong", "status --home", "rekey extra",
+        "kms", "kms nothing", "kms push", "kms push --replace", "kms push --all p1", "kms push p1 --all",
+        "kms push p1 --wrong", "kms list p1", "kms check p1", "kms --all"}) {
     const Outcome outcome = run(arguments);
     EXPECT_EQ(2, outcome.status) << arguments;
     EXPECT_NE("", outcome.err) << arguments;
   }
   EXPECT_EQ(0, run("--help").status);
   EXPECT_EQ(0, run("init --help").status);
+  EXPECT_EQ(0, run("kms push --help").status);
 }
 
 TEST_F(AdminTest, FailuresReturn1AndSayWhatToDo) {
-  for (const char* command : {"status", "verify", "dump", "passwd --password-file -"}) {
+  for (const char* command : {"status", "verify", "dump", "passwd --password-file -", "rekey", "kms push --all",
+                              "kms push p1 --replace", "kms list", "kms check"}) {
     const Outcome outcome = on(command, "x");
     EXPECT_EQ(1, outcome.status) << command;
     EXPECT_TRUE(has(outcome.err, home().string() + ": the configuration home does not exist")) << outcome.err;
     EXPECT_TRUE(has(outcome.err, "kezu-admin init"));
     EXPECT_EQ("", outcome.out);
   }
+}
+
+TEST_F(AdminTest, KmsNeedsAServerInTheSettings) {
+  ASSERT_EQ(0, init().status);
+  auto store = loadStore(home());
+  addPolicy("p1");
+  ASSERT_TRUE(store->save(TableId::policy).ok());
+  for (const char* command : {"kms push --all", "kms push p1", "kms list", "kms check"}) {
+    const Outcome outcome = on(command);
+    EXPECT_EQ(1, outcome.status) << command;
+    EXPECT_TRUE(has(outcome.err, "kezu.toml: names no key management server; add a table [kms]")) << outcome.err;
+    EXPECT_EQ("", outcome.out);
+  }
+  writeText(home() / "kezu.toml", "[kms]\nhost = \"localhost\"\n");
+  for (const char* command : {"kms push --all", "kms list", "kms check"}) {
+    const Outcome outcome = on(command);
+    EXPECT_EQ(1, outcome.status) << command;
+    EXPECT_TRUE(has(outcome.err, "kezu.toml")) << outcome.err;
+    EXPECT_TRUE(has(outcome.err, "kms.ca")) << outcome.err;
+  }
+}
+
+TEST_F(AdminTest, PushChecksTheNamesBeforeItConnects) {
+  ASSERT_EQ(0, init().status);
+  const std::string server = "[kms]\nhost = \"127.0.0.1\"\nport = 1\nca = \"ca\"\ncertificate = \"c\"\nkey = \"k\"\n";
+  writeText(home() / "kezu.toml", server);
+  EXPECT_TRUE(has(on("kms push --all").err, "nothing was pushed: the home has no policies of its own"));
+  auto store = loadStore(home());
+  addPolicy("p1");
+  ASSERT_TRUE(store->save(TableId::policy).ok());
+  const Outcome unknown = on("kms push p1 P1 p2 p1");
+  EXPECT_EQ(1, unknown.status);
+  EXPECT_TRUE(has(unknown.err, "nothing was pushed: no policy of this home: 'P1', 'p2'; ")) << unknown.err;
+  EXPECT_TRUE(has(unknown.err, "kezu-admin dump")) << unknown.err;
+  EXPECT_EQ("", unknown.out);
+  const Outcome away = on("kms push p1");
+  EXPECT_EQ(1, away.status);
+  EXPECT_FALSE(has(away.err, "nothing was pushed: ")) << away.err;
+  EXPECT_NE("", away.err);
+}
+
+TEST_F(AdminTest, RekeyMakesANewMasterKey) {
+  ASSERT_EQ(0, init().status);
+  const std::string before = readText(home() / "master.key");
+  const Outcome made = on("rekey");
+  ASSERT_EQ(0, made.status) << made.err;
+  const std::string after = readText(home() / "master.key");
+  EXPECT_NE(before, after);
+  for (const char* part : {"new master key", "Restart every database server", "Back up"}) {
+    EXPECT_TRUE(has(made.out, part)) << made.out;
+  }
+  EXPECT_FALSE(has(made.out, after.substr(0, 20)));
+  EXPECT_EQ(0, on("verify").status);
+  EXPECT_EQ("first value", storedPassword());
+
+  // As it stands when it is cut short.
+  writeText(home() / "master.key", std::string(kOtherKeyText) + after);
+  EXPECT_EQ(0, on("verify").status);
+  const Outcome finished = on("rekey");
+  ASSERT_EQ(0, finished.status) << finished.err;
+  EXPECT_TRUE(has(finished.out, "cut short before is finished")) << finished.out;
+  EXPECT_EQ(kOtherKeyText, readText(home() / "master.key"));
+  EXPECT_EQ("first value", storedPassword());
 }
 
 TEST_F(AdminTest, OutputThatCannotBeWrittenIsAFailure) {

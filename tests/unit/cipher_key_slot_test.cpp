@@ -3,10 +3,13 @@
 // Key handles: their life, and who may use them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <vector>
 
 #include "cipher/key_slot.h"
+#include "engine/policy/policy_key.h"
 #include "tests/unit/crypto_fixture.h"
 
 namespace {
@@ -25,6 +28,21 @@ bool works(const Q7EncPolicyInfo& record, BCipherKey handle) {
     return false;
   }
   return test::run(Q7_DecryptBinaryExt, encrypted.bytes, record, handle, 100).bytes == value;
+}
+
+// What a caller does that presents these bytes.
+auto presenting(const Data& bytes) {
+  return [bytes](const cipher::Binding& binding) {
+    Data bound(cipher::kMaxBindingSize);
+    for (std::size_t i = 0; i < bound.size() / 8; ++i) {
+      const std::uint64_t word = binding.word(i);
+      std::memcpy(bound.data() + 8 * i, &word, sizeof word);
+    }
+    EXPECT_TRUE(std::all_of(bound.begin() + static_cast<std::ptrdiff_t>(binding.size()), bound.end(),
+                            [](unsigned char byte) { return byte == 0; }));
+    bound.resize(binding.size());
+    return bound == bytes;
+  };
 }
 
 TEST(KeyHandle, NullIsAccepted) {
@@ -133,15 +151,29 @@ TEST(KeyHandle, BindingHasAHundredThirtySixBytesAtMost) {
   EXPECT_EQ(cipher::makeKey(test::AES256, nullptr, material, Data(1)), nullptr);
   BCipherKey longest = cipher::makeKey(test::AES256, suite, material, Data(136, 7));
   ASSERT_NE(longest, nullptr);
-  EXPECT_TRUE(cipher::Session(longest, Data(136, 7)));
-  EXPECT_FALSE(cipher::Session(longest, Data(135, 7)));
-  EXPECT_FALSE(cipher::Session(longest, Data(137, 7)));
-  EXPECT_FALSE(cipher::Session(longest, {}));
+  EXPECT_TRUE(cipher::Session(longest, presenting(Data(136, 7))));
+  EXPECT_FALSE(cipher::Session(longest, presenting(Data(135, 7))));
+  EXPECT_FALSE(cipher::Session(longest, presenting(Data(137, 7))));
+  EXPECT_FALSE(cipher::Session(longest, presenting({})));
   BCIPHER_DelKey(longest);
   BCipherKey unbound = cipher::makeKey(test::AES256, suite, material, {});
-  EXPECT_TRUE(cipher::Session(unbound, {}));
-  EXPECT_FALSE(cipher::Session(unbound, Data(1)));
+  EXPECT_TRUE(cipher::Session(unbound, presenting({})));
+  EXPECT_FALSE(cipher::Session(unbound, presenting(Data(1))));
   BCIPHER_DelKey(unbound);
+}
+
+// A session's copy of its policy: every field but the column key, whatever lies between the fields.
+TEST(KeySession, CopiesThePolicyWithoutItsKey) {
+  const Policy policy({.encPos = 3, .encLen = 4, .flag = "0123456789abcdef", .name = "sixteenletters16"});
+  Q7EncPolicyInfo record = policy.record;
+  reinterpret_cast<unsigned char*>(&record)[sizeof record.policyID] = 0xEE;
+  const engine::PolicySession session(policy.handle, record);
+  ASSERT_TRUE(session);
+  Q7EncPolicyInfo expected = policy.record;
+  std::memset(expected.columnKey, 0, sizeof expected.columnKey);
+  const Q7EncPolicyInfo& copy = session.policy();
+  EXPECT_STREQ(copy.policyID, expected.policyID);
+  EXPECT_EQ(std::memcmp(&copy.algID, &expected.algID, sizeof expected - offsetof(Q7EncPolicyInfo, algID)), 0);
 }
 
 TEST(KeySession, EndsWithoutAResultWhenTheKeyGoes) {
@@ -149,8 +181,8 @@ TEST(KeySession, EndsWithoutAResultWhenTheKeyGoes) {
   const cipher::Suite* suite = cipher::findSuite(test::AES256, test::GCM);
   for (int how = 0; how < 3; ++how) {
     BCipherKey key = cipher::makeKey(test::AES256, suite, {}, binding);
-    cipher::Session session(key, binding);
-    cipher::Session untouched(key, binding);
+    cipher::Session session(key, presenting(binding));
+    cipher::Session untouched(key, presenting(binding));
     ASSERT_TRUE(session);
     ASSERT_TRUE(untouched);
     EXPECT_TRUE(untouched.finish());
@@ -159,7 +191,7 @@ TEST(KeySession, EndsWithoutAResultWhenTheKeyGoes) {
     if (how == 1) BCIPHER_DelKey(key);
     if (how == 2) {
       BCIPHER_WipeKey(key);
-      EXPECT_FALSE(cipher::Session(key, binding));
+      EXPECT_FALSE(cipher::Session(key, presenting(binding)));
     }
     EXPECT_FALSE(session.finish());
     BCIPHER_DelKey(key);
@@ -170,12 +202,12 @@ TEST(KeySession, EndsWithoutAResultWhenTheKeyGoes) {
 TEST(KeySession, UsesThePreparedKeyAgain) {
   const Data binding = test::bytesOf("binding");
   BCipherKey key = cipher::makeKey(test::AES256, cipher::findSuite(test::AES256, test::GCM), {}, binding);
-  cipher::Session first(key, binding);
+  cipher::Session first(key, presenting(binding));
   const cipher::PreparedKey* prepared = &first.key();
-  cipher::Session besideIt(key, binding);
+  cipher::Session besideIt(key, presenting(binding));
   EXPECT_NE(&besideIt.key(), prepared);
   EXPECT_TRUE(first.finish());
-  cipher::Session second(key, binding);
+  cipher::Session second(key, presenting(binding));
   EXPECT_EQ(&second.key(), prepared);
   EXPECT_TRUE(second.finish());
   EXPECT_TRUE(besideIt.finish());
@@ -187,7 +219,7 @@ TEST(KeySession, MoreAtOnceThanThePoolHolds) {
   BCipherKey key = cipher::makeKey(test::AES256, cipher::findSuite(test::AES256, test::GCM), {}, binding);
   std::vector<std::unique_ptr<cipher::Session>> sessions;
   for (int i = 0; i < 600; ++i) {
-    sessions.push_back(std::make_unique<cipher::Session>(key, binding));
+    sessions.push_back(std::make_unique<cipher::Session>(key, presenting(binding)));
     ASSERT_TRUE(*sessions.back());
   }
   for (const auto& session : sessions) EXPECT_TRUE(session->finish());

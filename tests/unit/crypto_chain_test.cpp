@@ -37,7 +37,7 @@ TEST(CryptoChain, ValuesAreWhatTheDescriptionGives) {
           if (!policy) continue;
           SCOPED_TRACE(testing::Message() << "algorithm " << algorithm << ", mode " << mode << ", IV " << iv
                                           << ", position " << position << ", length " << length);
-          for (const std::size_t size : {0U, 1U, 4U, 15U, 16U, 17U, 33U, 300U}) {
+          for (const std::size_t size : {0U, 1U, 4U, 15U, 16U, 17U, 33U, 116U, 117U, 255U, 256U, 257U, 272U, 300U}) {
             const bool storedAsIs = (position != 0 || length != 0) && size <= static_cast<std::size_t>(position);
             if (storedAsIs) continue;
             compare(policy, test::patternOf(size));
@@ -48,6 +48,39 @@ TEST(CryptoChain, ValuesAreWhatTheDescriptionGives) {
     }
   }
   EXPECT_GT(compared, 5000);
+}
+
+// A context goes on from value to value, also from one that did not decrypt.
+TEST(CryptoChain, ValuesAfterOneThatFailsAreRight) {
+  for (const auto& [algorithm, mode] : {std::pair{+test::AES256, +test::CBC}, std::pair{+test::AES256, +test::ECB},
+                                        std::pair{+test::TDES168, +test::CBC}}) {
+    const Policy policy({algorithm, mode, test::DETERMINISTIC});
+    const Data value = test::patternOf(40);
+    const Data encrypted = *test::encrypt(policy, value);
+    for (std::size_t i = 1; i < encrypted.size(); i += 5) {
+      Data damaged = encrypted;
+      damaged[i] = static_cast<unsigned char>(damaged[i] ^ 0x80);
+      EXPECT_TRUE(mode == test::ECB || !test::decrypt(policy, damaged)) << i;
+      test::decrypt(policy, damaged);
+      EXPECT_EQ(test::decrypt(policy, encrypted), value) << i;
+      compare(policy, value);
+    }
+  }
+}
+
+// Of padding nothing stays behind the clear text.
+TEST(CryptoChain, PaddingIsTakenOut) {
+  const Policy policy({.algorithm = test::AES256, .blockMode = test::CBC});
+  for (const std::size_t size : {0U, 1U, 15U, 16U, 17U, 300U}) {
+    const Data encrypted = *test::encrypt(policy, test::patternOf(size));
+    Data out(512, 0xEE);
+    unsigned int length = static_cast<unsigned int>(out.size());
+    Q7EncPolicyInfo record = policy.record;
+    ASSERT_EQ(Q7_DecryptBinaryExt(out.data(), &length, encrypted.data(), static_cast<unsigned int>(encrypted.size()),
+                                  &record, policy.handle),
+              0);
+    EXPECT_TRUE(std::all_of(out.begin() + length, out.end(), [](auto byte) { return byte == 0 || byte == 0xEE; }));
+  }
 }
 
 TEST(CryptoChain, ColumnKeysOfEveryLength) {

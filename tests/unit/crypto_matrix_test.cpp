@@ -23,11 +23,12 @@ bool isOneWay(int algorithm) {
   return algorithm >= test::HMAC_SHA256 && algorithm <= test::HMAC_HAS160;
 }
 
-// Puts a policy into the active slot of the table for as long as it lives.
+// Puts a policy and its key into the active slot of the table for as long as it lives.
 class Published {
  public:
   explicit Published(const Policy& policy) {
     g_encPolicyArray[0][0] = policy.record;
+    g_makeKeyArray[0][0] = policy.handle;
     g_encPolicyArray_flag = 0;
     g_numberOfEncPolicy[0] = 1;
   }
@@ -35,6 +36,7 @@ class Published {
   Published& operator=(const Published&) = delete;
   ~Published() {
     g_numberOfEncPolicy[0] = 0;
+    g_makeKeyArray[0][0] = nullptr;
     std::memset(&g_encPolicyArray[0][0], 0, sizeof g_encPolicyArray[0][0]);
   }
 };

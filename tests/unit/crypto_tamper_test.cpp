@@ -177,6 +177,104 @@ void forEveryCipher(PolicyParameters parameters, Check check) {
   }
 }
 
+// Whether somebody without the key can neither make nor change a value: docs/ciphertext.md, "Authentication".
+bool isAuthenticated(const Policy& policy) {
+  const bool stream = policy.record.algID == test::CHACHA20;
+  switch (stream ? +test::CTR : policy.record.blockMode) {
+    case test::ECB:
+      return false;
+    case test::CBC:
+    case test::CFB:
+    case test::CFB8:
+    case test::OFB:
+    case test::CTR:
+      return policy.record.ivMode == test::DETERMINISTIC;
+    default:
+      return true;
+  }
+}
+
+bool isOneWay(const Policy& policy) {
+  return policy.record.algID >= test::HMAC_SHA256 && policy.record.algID <= test::HMAC_HAS160;
+}
+
+// Every policy that can be made, with each text encoding, over the whole value and over a part.
+template <typename Check>
+void forEveryKind(Check check) {
+  for (const auto& [position, length] : {std::pair{0, 0}, std::pair{2, 3}, std::pair{2, 0}}) {
+    for (int encoding = 0; encoding < kStrModeCount; ++encoding) {
+      SCOPED_TRACE(testing::Message() << "position " << position << ", length " << length << ", encoding " << encoding);
+      forEveryCipher({.strMode = encoding, .encPos = position, .encLen = length, .flag = "#"}, check);
+    }
+  }
+}
+
+// The shortest value that is not stored as it is.
+std::size_t shortestEncrypted(const Policy& policy) {
+  return policy.record.encPos == 0 ? 0 : static_cast<std::size_t>(policy.record.encPos) + 1;
+}
+
+TEST(CryptoTamper, NoKindWithAuthenticationTakesAChangedBit) {
+  forEveryKind([](const Policy& policy) {
+    if (isAuthenticated(policy) && !isOneWay(policy)) checkEveryBit(policy, test::patternOf(9));
+  });
+}
+
+TEST(CryptoTamper, NoKindWithAuthenticationTakesAnotherLength) {
+  forEveryKind([](const Policy& policy) {
+    if (!isAuthenticated(policy)) return;
+    const Data encrypted = *encrypt(policy, test::patternOf(9));
+    for (std::size_t size = shortestEncrypted(policy); size < encrypted.size(); ++size) {
+      EXPECT_FALSE(decrypt(policy, Data(encrypted.begin(), encrypted.begin() + static_cast<std::ptrdiff_t>(size))));
+      EXPECT_FALSE(decrypt(policy, Data(encrypted.end() - static_cast<std::ptrdiff_t>(size), encrypted.end())));
+    }
+    for (std::size_t more = 1; more <= 64; ++more) {
+      EXPECT_FALSE(decrypt(policy, test::operator+(encrypted, Data(more, encrypted.back())))) << more;
+    }
+    EXPECT_FALSE(decrypt(policy, test::operator+(encrypted, encrypted)));
+  });
+}
+
+// The beginning of one value with the end of another, cut at every place, and any one stretch out of the other.
+TEST(CryptoTamper, NoKindWithAuthenticationTakesPartsOfTwoValues) {
+  forEveryKind([](const Policy& policy) {
+    if (!isAuthenticated(policy)) return;
+    const Data one = *encrypt(policy, test::bytesOf("one value of 20 byte"));
+    const Data other = *encrypt(policy, test::bytesOf("and this is another!"));
+    ASSERT_EQ(one.size(), other.size());
+    for (std::size_t from = 0; from < one.size(); ++from) {
+      for (const std::size_t size : {std::size_t{1}, std::size_t{16}, one.size()}) {
+        Data mixed = one;
+        const std::size_t end = std::min(from + size, one.size());
+        std::copy(other.begin() + static_cast<std::ptrdiff_t>(from), other.begin() + static_cast<std::ptrdiff_t>(end),
+                  mixed.begin() + static_cast<std::ptrdiff_t>(from));
+        if (mixed == one || mixed == other) continue;
+        EXPECT_FALSE(decrypt(policy, mixed)) << from << " to " << end;
+      }
+    }
+  });
+}
+
+// Nothing tells a changed value there; but none gives more than it has bytes, and none is read past its end.
+TEST(CryptoTamper, KindsWithoutAuthenticationLiveWithAnything) {
+  forEveryKind([](const Policy& policy) {
+    if (isAuthenticated(policy)) return;
+    const Data encrypted = *encrypt(policy, test::patternOf(9));
+    for (std::size_t bit = 0; bit < 8 * encrypted.size(); ++bit) {
+      Data changed = encrypted;
+      changed[bit / 8] ^= static_cast<unsigned char>(1U << (bit % 8));
+      EXPECT_LE(decrypt(policy, changed).value_or(Data()).size(), changed.size()) << bit;
+    }
+    for (std::size_t size = 0; size < encrypted.size(); ++size) {
+      const Data cut(encrypted.begin(), encrypted.begin() + static_cast<std::ptrdiff_t>(size));
+      const auto result = decrypt(policy, cut);
+      EXPECT_LE(result.value_or(Data()).size(), size);
+      const Data longer = test::operator+(encrypted, cut);
+      EXPECT_LE(decrypt(policy, longer).value_or(Data()).size(), longer.size());
+    }
+  });
+}
+
 TEST(CryptoTamper, WhatIsTooShortForAValueIsNone) {
   forEveryCipher({}, [](const Policy& policy) {
     const std::size_t shortest = encrypt(policy, {})->size();

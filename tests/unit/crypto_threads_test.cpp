@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "engine/policy/policy_key.h"
 #include "kezu/engine.h"
@@ -133,6 +134,46 @@ TEST_F(Threads, KeyedDigestsAreRightOrNone) {
   for (int i = 0; i < kThreads; ++i) threads.emplace_back([this] { digestUntilDone(); });
   administrate();
   for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong_, 0);
+  EXPECT_GT(encrypted_, 0);
+}
+
+// A policy that encrypts a part of a value is never taken for one that encrypts all of it, also not while another
+// thread puts the one in the other's place.
+TEST_F(Threads, SizesAreThoseOfOnePolicy) {
+  test::PolicyParameters parameters = parametersOf(1);
+  parameters.encPos = 3;
+  const Policy partial(parameters);
+  char name[] = "p1";
+  const auto show = [](const Policy& policy) {
+    BCIPHER_WipeKey(g_makeKeyArray[1][0]);
+    BCIPHER_DelKey(g_makeKeyArray[1][0]);
+    kezu::publish(g_makeKeyArray[1][0], BCipherKey{nullptr});
+    kezu::clearRecord(g_encPolicyArray[1][0]);
+    kezu::storeRecord(g_encPolicyArray[1][0], policy.record);
+    kezu::publish(g_makeKeyArray[1][0], BCIPHER_DupKey(policy.handle));
+  };
+  show(partial);
+  kezu::publish(g_numberOfEncPolicy[1], 1);
+  kezu::publish(g_encPolicyArray_flag, 1);
+  int expected = 0;
+  ASSERT_EQ(kezuGetCipherSize(100, name, &expected, nullptr), 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      while (!done_) {
+        int size = expected;
+        wrong_ += checkNumericEnc(name) + checkBlobEnc(name);
+        wrong_ += kezuGetCipherSize(100, name, &size, nullptr) == 0 && size != expected ? 1 : 0;
+        ++encrypted_;
+      }
+    });
+  }
+  for (int i = 0; i < 20 * kChanges; ++i) show(i % 2 == 0 ? policies_[0] : partial);
+  done_ = true;
+  for (std::thread& thread : threads) thread.join();
+  kezu::publish(g_encPolicyArray_flag, 0);
+  kezu::publish(g_numberOfEncPolicy[1], 0);
   EXPECT_EQ(wrong_, 0);
   EXPECT_GT(encrypted_, 0);
 }

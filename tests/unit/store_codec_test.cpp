@@ -58,6 +58,24 @@ TEST(StoreCodecTest, RefusesOtherShapes) {
   EXPECT_FALSE(decode<ColumnData>(longer).ok());
 }
 
+// Payloads of a few bytes that promise more than there is, and one that nests as deep as its bytes go.
+TEST(StoreCodecTest, RefusesWhatOnlyClaimsToBeLarge) {
+  const auto refuses = [](const std::string& bytes) {
+    const auto result = decode<ColumnData>(cipher::SecretBytes(bytes.begin(), bytes.end()));
+    EXPECT_FALSE(result.ok());
+    EXPECT_EQ("does not hold a table", result.error().text);
+  };
+  const std::string most(8, '\xff');
+  for (const char major : {'\x5b', '\x7b', '\x9b', '\xbb'}) {  // byte string, text, array, map of 2^64 - 1
+    refuses(major + most);
+    refuses("\xa1\x67records" + (major + most));
+  }
+  refuses("\xbb\x7f" + most.substr(1));
+  for (const char level : {'\x81', '\x9f'}) {
+    refuses(std::string(10'000'000, level));
+  }
+}
+
 TEST(StoreCodecTest, TextsFitTheirFields) {
   EXPECT_EQ(withField<ColumnData>(column(), "owner", text("")), "");
   EXPECT_EQ(withField<ColumnData>(column(), "owner", text(std::string(64, 'x'))), "");

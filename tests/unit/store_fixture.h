@@ -124,11 +124,11 @@ inline void makeHome(const fs::path& directory, const std::string& masterKeyText
   fs::permissions(directory, fs::perms::owner_all);
   writeText(directory / "kezu.toml", "");
   writeText(directory / "master.key", masterKeyText);
-  const auto key = engine::store::readMasterKey(engine::store::machineFiles(), directory / "master.key");
+  const auto key = engine::store::readMasterKeys(engine::store::machineFiles(), directory / "master.key");
   ASSERT_TRUE(key.ok());
   for (const engine::store::Table* table : engine::store::allTables()) {
     engine::store::TableKeys keys;
-    ASSERT_TRUE(engine::store::deriveTableKeys(keys, key.value(), table->name()));
+    ASSERT_TRUE(engine::store::deriveTableKeys(keys, key.value().current, table->name()));
     ASSERT_TRUE(engine::store::createTableFile(engine::store::machineFiles(), directory, *table, keys).ok());
   }
 }

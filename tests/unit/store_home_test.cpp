@@ -279,6 +279,11 @@ TEST_F(StoreHomeTest, SettingsAreStrict) {
   refused("paths = 1\n", {"kezu.toml", "line 1", "paths"});
   refused("[paths]\nlog = \"a\"\nlog = \"b\"\n", {"kezu.toml", "line 3"});
   refused("[paths\n", {"kezu.toml", "line 1"});
+  refused("[\n", {"kezu.toml", "not valid TOML"});
+  refused("[]\n", {"kezu.toml", "line 1"});
+  refused("[\u03fb\n", {"kezu.toml", "not valid TOML"});
+  refused("\u03fb = 1\n", {"kezu.toml", "line 1"});
+  refused("\xff\xff\n", {"kezu.toml", "line 1"});
   writeText(home() / "kezu.toml", "");
   expectStarts();
 }

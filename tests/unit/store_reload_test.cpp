@@ -301,7 +301,6 @@ TEST_F(StoreReloadTest, PoliciesInMemoryOnlyAreNeitherSavedNorReplaced) {
   g_kmsMode = Q7_ONLY_KMS_MODE;
   ASSERT_TRUE(store->save(TableId::policy).ok());
   addPolicy("fetched");
-  store->acceptMemory(TableId::policy);
   g_logInfo.accessLog = 1;
   ASSERT_TRUE(store->save(TableId::policy).ok());
   const int slot = g_encPolicyArray_flag;
@@ -346,6 +345,7 @@ TEST_F(StoreReloadTest, CachedPoliciesAreSaved) {
 TEST_F(StoreReloadTest, AChangeThatAReloadOvertookIsNotReportedAsSaved) {
   auto store = loadStore(home());
   // One connection adds a column; before it saves, another's reload brings in what another process saved.
+  const auto loadsBefore = store->loads(TableId::column);
   addColumn("ours");
   changeElsewhere(TableId::column, [] {
     g_numberOfEncColumn = 0;
@@ -353,11 +353,38 @@ TEST_F(StoreReloadTest, AChangeThatAReloadOvertookIsNotReportedAsSaved) {
   });
   ASSERT_TRUE(store->reloadChanged().ok());
   EXPECT_STREQ("theirs", g_encColumnInfoArray[0].column);
-  const auto lost = store->save(TableId::column);
+  const auto lost = store->save(TableId::column, loadsBefore);
   ASSERT_FALSE(lost.ok());
   EXPECT_EQ(engine::store::Error::Kind::conflict, lost.error().kind);
+  ASSERT_TRUE(store->reloadChanged().ok());
   addColumn("ours");
-  EXPECT_TRUE(store->save(TableId::column).ok());
+  EXPECT_TRUE(store->save(TableId::column, store->loads(TableId::column)).ok());
+}
+
+TEST_F(StoreReloadTest, AChangeThatIsMixedWithWhatAReloadBroughtIsNotSaved) {
+  auto store = loadStore(home());
+  const auto loadsBefore = store->loads(TableId::column);
+  // One connection has read the count; another's reload brings in two columns; then the first stores its record.
+  const int count = g_numberOfEncColumn;
+  changeElsewhere(TableId::column, [] {
+    addColumn("theirs");
+    addColumn("theirs too");
+  });
+  ASSERT_TRUE(store->reloadChanged().ok());
+  g_numberOfEncColumn = count;
+  addColumn("ours");
+  EXPECT_FALSE(store->save(TableId::column, loadsBefore).ok());
+  ASSERT_TRUE(store->reloadChanged().ok());
+  EXPECT_EQ(2, g_numberOfEncColumn) << "the next reload takes the file in again, though it did not change";
+  EXPECT_STREQ("theirs", g_encColumnInfoArray[0].column);
+}
+
+TEST_F(StoreReloadTest, AChangeThatALoadOvertookIsNotReportedAsSaved) {
+  auto store = loadStore(home());
+  const auto loadsBefore = store->loads(TableId::policy);
+  addPolicy("ours");
+  ASSERT_TRUE(store->load(TableId::policy, "").ok());
+  EXPECT_FALSE(store->save(TableId::policy, loadsBefore).ok());
 }
 
 TEST_F(StoreReloadTest, PoliciesOfAnotherFile) {

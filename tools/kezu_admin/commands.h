@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace admin {
 
@@ -29,5 +30,18 @@ int dumpHome(const std::string& home);
 
 // Stores a new password value for "admin". Safe while servers use the home.
 int changePassword(const std::string& home, const std::string& passwordFile);
+
+// Makes a new master key and seals every table anew under it, or finishes a change that was cut short.
+int changeMasterKey(const std::string& home);
+
+// Registers policies of the home on its key management server, all of them where no names are given. Every name is
+// looked at before anything changes there: one that is there already is refused, unless it is to be replaced.
+int pushPolicies(const std::string& home, const std::vector<std::string>& names, bool replace);
+
+// Shows the policies on the key management server, without their keys, which do not leave it.
+int listServer(const std::string& home);
+
+// Connects to the key management server; shows versions, certificates and times.
+int checkServer(const std::string& home);
 
 }  // namespace admin

@@ -33,7 +33,20 @@ constexpr const char* kSettingsText =
     "# The master key that seals the tables. It may be kept on another medium.\n"
     "# master_key = \"master.key\"\n"
     "# Folder of the audit log.\n"
-    "# log = \"log\"\n";
+    "# log = \"log\"\n"
+    "\n"
+    "# The key management server, for the modes that fetch policies from one. All but the first four have these values "
+    "by\n"
+    "# themselves; without object_group every active key is taken for a policy.\n"
+    "# [kms]\n"
+    "# host = \"kms.example\"\n"
+    "# ca = \"kms-ca.pem\"\n"
+    "# certificate = \"kms-client.pem\"\n"
+    "# key = \"kms-client.key\"\n"
+    "# port = 5696\n"
+    "# connect_timeout = 3\n"
+    "# read_timeout = 5\n"
+    "# object_group = \"orvanta\"\n";
 
 // A directory that is removed with all it holds when the scope ends, unless it was moved away.
 class Draft {
@@ -92,15 +105,8 @@ Status writeMasterKey(const std::string& directory, cipher::SecretBytes& key) {
   if (!cipher::randomBytes(key)) {
     return Error{Error::Kind::system, "no random numbers: OpenSSL failed"};
   }
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  cipher::SecretBytes text;
-  text.reserve(2 * key.size() + 1);
-  for (const unsigned char byte : key) {
-    text.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
-    text.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
-  }
-  text.push_back('\n');
-  const auto written = store::writeFile(store::machineFiles(), directory + "/" + store::kMasterKeyFile, text);
+  const auto written =
+      store::writeFile(store::machineFiles(), directory + "/" + store::kMasterKeyFile, store::masterKeyText({key, {}}));
   return written.ok() ? Status() : Status(written.error());
 }
 

@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "access.h"
 #include "commands.h"
@@ -21,6 +22,9 @@ namespace {
 struct Call {
   std::string home = engine::store::configuredHome();
   std::string passwordFile;
+  std::vector<std::string> names;
+  bool all = false;
+  bool replace = false;
   std::function<int(const Call&)> run;
 };
 
@@ -37,6 +41,27 @@ void addPasswordFile(CLI::App& command, Call& call) {
       ->required();
 }
 
+// Names, or the word that stands for all of them: one of the two.
+void addNames(CLI::App& command, Call& call) {
+  CLI::Option_group* which = command.add_option_group("policies");
+  which->add_option("NAME", call.names, "names of policies of the home");
+  which->add_flag("--all", call.all, "every policy of the home");
+  which->require_option(1);
+}
+
+void addServerCommands(CLI::App& app, Call& call) {
+  CLI::App* kms = app.add_subcommand("kms", "work on the key management server that kezu.toml names");
+  CLI::App* push = addCommand(*kms, call, "push", "register policies of the home on the server",
+                              [](const Call& c) { return admin::pushPolicies(c.home, c.names, c.replace); });
+  addNames(*push, call);
+  push->add_flag("--replace", call.replace, "put the keys of the home in the place of those on the server");
+  addCommand(*kms, call, "list", "show the policies on the server, without their keys",
+             [](const Call& c) { return admin::listServer(c.home); });
+  addCommand(*kms, call, "check", "connect, and show versions, certificates and times",
+             [](const Call& c) { return admin::checkServer(c.home); });
+  kms->require_subcommand(1);
+}
+
 void addCommands(CLI::App& app, Call& call) {
   addPasswordFile(*addCommand(app, call, "init", "make a home with the administrator \"admin\"",
                               [](const Call& c) { return admin::initHome(c.home, c.passwordFile); }),
@@ -50,6 +75,9 @@ void addCommands(CLI::App& app, Call& call) {
   addPasswordFile(*addCommand(app, call, "passwd", "change the password value of \"admin\"",
                               [](const Call& c) { return admin::changePassword(c.home, c.passwordFile); }),
                   call);
+  addCommand(app, call, "rekey", "make a new master key, and seal every table under it",
+             [](const Call& c) { return admin::changeMasterKey(c.home); });
+  addServerCommands(app, call);
   app.require_subcommand(1);
 }
 

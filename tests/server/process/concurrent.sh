@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# Eight connections encrypt and decrypt for ten seconds, values short and long, one at a time and row by row, while an
-# administrator makes and deletes policies. None ever gets a value that is not its own. Two more set, list and delete the same
-# query-privilege rules. None ever sees a rule that nobody set.
+# Eight connections encrypt and decrypt for ten seconds, or for KEZU_TEST_SECONDS, values short and long, one at a time and
+# row by row, while an administrator makes and deletes policies. None ever gets a value that is not its own. Two more set,
+# list and delete the same query-privilege rules. None ever sees a rule that nobody set.
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home seconds=10
+server=$run/server home=$run/home seconds=${KEZU_TEST_SECONDS:-10}
 make_home "$home"
 private_server_create "$server"
 private_server_start "$server" "$home" "$plugins"

@@ -1,0 +1,446 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the memory of a server's process tells about keys that are gone, and what of it a core dump takes along.
+#include <fcntl.h>
+#include <openssl/aes.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <sstream>
+#include <vector>
+
+#include "cipher/kdf.h"
+#include "fault/engine_fixture.h"
+
+namespace fault {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kValue = "a value to encrypt";
+
+// What must not be found: a name for messages, and bytes.
+struct Secret {
+  std::string name;
+  std::string bytes;
+};
+
+std::string derived(const std::string& columnKey, std::string_view label, std::size_t size) {
+  std::string key(size, '\0');
+  const auto* from = reinterpret_cast<const unsigned char*>(columnKey.data());
+  EXPECT_TRUE(
+      cipher::hkdfSha256({reinterpret_cast<unsigned char*>(key.data()), size}, {from, columnKey.size()}, label));
+  return key;
+}
+
+// Round keys 2 to 4 of an AES key (the first two are the key itself), in the standard's byte order and in that of
+// little-endian words.
+std::vector<Secret> roundKeys(const std::string& key) {
+  std::vector<Secret> found;
+  AES_KEY schedule;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  EXPECT_EQ(0, AES_set_encrypt_key(reinterpret_cast<const unsigned char*>(key.data()), 256, &schedule));
+#pragma GCC diagnostic pop
+  const auto* words = reinterpret_cast<const std::uint32_t*>(schedule.rd_key);
+  for (const int round : {2, 3, 14}) {
+    std::string asStored(reinterpret_cast<const char*>(words + 4 * round), 16);
+    std::string swapped = asStored;
+    for (std::size_t word = 0; word < 16; word += 4) {
+      std::swap(swapped[word], swapped[word + 3]);
+      std::swap(swapped[word + 1], swapped[word + 2]);
+    }
+    found.push_back({"round key " + std::to_string(round), std::move(asStored)});
+    found.push_back({"round key " + std::to_string(round) + " in words", std::move(swapped)});
+  }
+  return found;
+}
+
+// All that a column key becomes. The labels are those of docs/ciphertext.md.
+std::vector<Secret> secretsOf(const std::string& columnKey) {
+  std::vector<Secret> secrets = {{"column key", columnKey},
+                                 {"cipher key", derived(columnKey, "orvanta cipher key", 32)},
+                                 {"iv key", derived(columnKey, "orvanta iv key", 32)},
+                                 {"hmac key", derived(columnKey, "orvanta hmac key", 32)},
+                                 {"tag key", derived(columnKey, "orvanta tag key", 32)}};
+  for (Secret& roundKey : roundKeys(secrets[1].bytes)) {
+    secrets.push_back(std::move(roundKey));
+  }
+  return secrets;
+}
+
+struct Mapping {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
+  std::string description;
+};
+
+std::vector<Mapping> readableMappings(pid_t process) {
+  std::vector<Mapping> mappings;
+  std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
+  for (std::string line; std::getline(maps, line);) {
+    Mapping mapping;
+    char readable = '-';
+    if (std::sscanf(line.c_str(), "%lx-%lx %c", &mapping.begin, &mapping.end, &readable) == 3 && readable == 'r') {
+      mapping.description = line;
+      mappings.push_back(mapping);
+    }
+  }
+  return mappings;
+}
+
+// The secrets whose first 16 bytes stand anywhere in the memory of a process that stands still, each with the place.
+std::vector<std::string> found(pid_t process, const std::vector<Secret>& secrets) {
+  std::vector<std::string> places;
+  const int memory = open(("/proc/" + std::to_string(process) + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_GE(memory, 0);
+  constexpr std::size_t kOverlap = 64;
+  std::string chunk(std::size_t{8} << 20, '\0');
+  for (const Mapping& mapping : readableMappings(process)) {
+    for (std::uint64_t at = mapping.begin; at < mapping.end;) {
+      const std::size_t wanted = std::min<std::uint64_t>(chunk.size(), mapping.end - at);
+      const ssize_t got = pread(memory, chunk.data(), wanted, static_cast<off_t>(at));
+      if (got <= 0) {
+        break;  // a mapping without pages behind it, as the sanitizers and the kernel have
+      }
+      const std::string_view bytes(chunk.data(), static_cast<std::size_t>(got));
+      for (const Secret& secret : secrets) {
+        if (const std::size_t place = bytes.find(secret.bytes.substr(0, 16)); place != std::string_view::npos) {
+          std::ostringstream text;
+          text << secret.name << " at " << std::hex << at + place << " in " << mapping.description;
+          places.push_back(text.str());
+        }
+      }
+      const auto read = static_cast<std::size_t>(got);
+      at += read > kOverlap && at + read < mapping.end ? read - kOverlap : read;
+    }
+  }
+  close(memory);
+  return places;
+}
+
+// A server's process that takes steps when it is told to. Secrets are learnt from it without a copy of them in it: it
+// writes the column key from the table itself.
+class Server {
+ public:
+  explicit Server(const std::function<void(Server&)>& life) {
+    EXPECT_EQ(0, pipe(toServer_.data()));
+    EXPECT_EQ(0, pipe(fromServer_.data()));
+    process_ = fork();
+    if (process_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      close(toServer_[1]);
+      close(fromServer_[0]);
+      life(*this);
+      _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    close(toServer_[0]);
+    close(fromServer_[1]);
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  ~Server() {
+    if (!ended_) {
+      kill(process_, SIGKILL);
+      waitpid(process_, nullptr, 0);
+    }
+    close(toServer_[1]);
+    close(fromServer_[0]);
+  }
+
+  // In the server: says that a step is done, with `size` bytes, and waits for the next to be asked for.
+  void stepDone(const void* bytes = "", std::size_t size = 1) {
+    EXPECT_EQ(static_cast<ssize_t>(size), write(fromServer_[1], bytes, size));
+    char next = 0;
+    EXPECT_EQ(1, read(toServer_[0], &next, 1));
+  }
+
+  // In the test: waits for a step and returns its bytes. The server then stands still until goOn().
+  std::string awaitStep(std::size_t size = 1) {
+    std::string bytes(size, '\0');
+    EXPECT_EQ(static_cast<ssize_t>(size), read(fromServer_[0], bytes.data(), size));
+    return bytes;
+  }
+  void goOn() { EXPECT_EQ(1, write(toServer_[1], "", 1)); }
+
+  // In the test: the end of the process, as waitpid() gives it.
+  int end() {
+    int status = 0;
+    waitpid(process_, &status, 0);
+    ended_ = true;
+    return status;
+  }
+
+  pid_t process() const { return process_; }
+
+ private:
+  std::array<int, 2> toServer_ = {};
+  std::array<int, 2> fromServer_ = {};
+  pid_t process_ = 0;
+  bool ended_ = false;
+};
+
+// Uses the policy in every way there is, so that every key of it was prepared.
+void use(std::string_view policy) {
+  SqlArguments encrypt;
+  encrypt.text(policy).number(0).text(kValue);
+  const std::string encrypted = row(data_process_po_ed, encrypt).value_or("");
+  ASSERT_FALSE(encrypted.empty());
+  EXPECT_EQ(kValue, row(data_process_po_ed, SqlArguments().text(policy).number(1).text(encrypted)));
+  for (const char* algorithm : {"SHA1", "SHA256", "SHA512", "HAS160"}) {
+    EXPECT_NE("", row(hmac_b64_data, SqlArguments().text(kValue).text(policy).text(algorithm)));
+  }
+}
+
+constexpr int kCbc = 1;
+constexpr int kGcm = 5;
+constexpr int kCbcHmac = 8;
+
+// The policy "gone" in each of these modes, one after the other: made, used, and told to the test.
+const Q7EncPolicyInfo& makeAndUse(int blockMode) {
+  SqlArguments create = createPolicy("gone", 2, blockMode == kCbc ? 0 : 1, blockMode);
+  EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+  use("gone");
+  return g_encPolicyArray[g_encPolicyArray_flag][g_numberOfEncPolicy[g_encPolicyArray_flag] - 1];
+}
+
+constexpr std::size_t kDrawnKey = 32;
+
+std::string listed(const std::vector<std::string>& places) {
+  std::string text;
+  for (const std::string& place : places) {
+    text += place + "\n";
+  }
+  return text;
+}
+
+// That the search finds a policy's keys while they are in use: each of them, and what a cipher made of one.
+void expectFound(const std::vector<std::string>& places) {
+  for (const char* name : {"column key at", "cipher key at", "iv key at", "hmac key at", "tag key at"}) {
+    EXPECT_NE(std::string::npos, listed(places).find(name)) << name << " is not among\n" << listed(places);
+  }
+  // Without AES instructions OpenSSL keeps round keys in a form of its own.
+  if (Check_CPU_support_AES() != 0) {
+    EXPECT_NE(std::string::npos, listed(places).find("round key 2 ")) << listed(places);
+  }
+}
+
+class MemoryImageTest : public store_test::StoreTest, public ::testing::WithParamInterface<int> {
+ protected:
+  void SetUp() override {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers' shadow memory has terabytes to search";
+#endif
+    StoreTest::SetUp();
+  }
+};
+
+TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
+  Server server([&](Server& self) {
+    startWithSession(home());
+    self.stepDone(makeAndUse(GetParam()).columnKey, kDrawnKey);
+    EXPECT_EQ(3, row(kezu_conf_set_policy, inSession().text("gone")));
+    // Each change moves to the next slot: after these, every slot was written anew.
+    SqlArguments other = createPolicy("other", 2, 1, kGcm);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, other));
+    for (int i = 0; i < kPolicySlots; ++i) {
+      const std::string name = "p" + std::to_string(i);
+      SqlArguments more = createPolicy(name, 2, 1, kGcm);
+      EXPECT_EQ(1, row(kezu_conf_set_policy, more));
+    }
+    use("other");
+    self.stepDone();
+  });
+  const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
+  expectFound(found(server.process(), secrets));
+  server.goOn();
+  server.awaitStep();
+  EXPECT_EQ("", listed(found(server.process(), secrets)));
+  server.goOn();
+  EXPECT_EQ(0, server.end());
+}
+
+TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
+  Server server([&](Server& self) {
+    startWithSession(home());
+    const Q7EncPolicyInfo& record = makeAndUse(GetParam());
+    self.stepDone(record.columnKey, kDrawnKey);
+    // Copies in other slots, also in one that was filled and never published.
+    SqlArguments other = createPolicy("other", 2, 1, kGcm);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, other));
+    use("gone");
+    SqlArguments refused = createPolicy("refused", 16, 1, kGcm);
+    EXPECT_EQ(0, row(kezu_conf_set_policy, refused));
+    EXPECT_EQ(1, row(kezu_conf_set_kms_mode, inSession().number(Q7_NO_KMS_MODE)));
+    self.stepDone();
+  });
+  const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
+  expectFound(found(server.process(), secrets));
+  server.goOn();
+  server.awaitStep();
+  EXPECT_EQ("", listed(found(server.process(), secrets)));
+  server.goOn();
+  EXPECT_EQ(0, server.end());
+}
+
+TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
+  Server server([&](Server& self) {
+    startWithSession(home());
+    self.stepDone(makeAndUse(GetParam()).columnKey, kDrawnKey);
+    EXPECT_EQ(0, Q7_ReloadAllInfoIfChanged());
+    EXPECT_EQ(0, g_numberOfEncPolicy[g_encPolicyArray_flag]);
+    self.stepDone();
+  });
+  const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
+  expectFound(found(server.process(), secrets));
+  EXPECT_EQ(0, store_test::inChild([&] {
+              auto store = store_test::loadStore(home());
+              g_numberOfEncPolicy[g_encPolicyArray_flag] = 0;
+              return store->save(store_test::TableId::policy).ok() ? 0 : 1;
+            }));
+  server.goOn();
+  server.awaitStep();
+  EXPECT_EQ("", listed(found(server.process(), secrets)));
+  server.goOn();
+  EXPECT_EQ(0, server.end());
+}
+
+INSTANTIATE_TEST_SUITE_P(BlockModes, MemoryImageTest, ::testing::Values(kCbc, kGcm, kCbcHmac));
+
+class CoreDumpTest : public store_test::StoreTest {};
+
+// Whether the page that `address` lies on has the flag in its mapping's list (proc(5), VmFlags of smaps).
+bool hasMappingFlag(const void* address, const std::string& flag) {
+  const auto wanted = reinterpret_cast<std::uint64_t>(address);
+  std::ifstream smaps("/proc/self/smaps");
+  bool inside = false;
+  for (std::string line; std::getline(smaps, line);) {
+    std::uint64_t begin = 0;
+    std::uint64_t end = 0;
+    if (std::sscanf(line.c_str(), "%lx-%lx ", &begin, &end) == 2) {
+      inside = begin <= wanted && wanted < end;
+    } else if (inside && line.rfind("VmFlags:", 0) == 0) {
+      return (line + " ").find(" " + flag + " ") != std::string::npos;
+    }
+  }
+  return false;
+}
+
+TEST_F(CoreDumpTest, TablesWithSecretsAreMarkedToBeLeftOut) {
+  EXPECT_EQ(0, store_test::inChild([&] {
+              startWithSession(home());
+              makeAndUse(kGcm);
+              const char* policies = reinterpret_cast<const char*>(&g_encPolicyArray);
+              const char* users = reinterpret_cast<const char*>(&g_userInfo);
+              EXPECT_TRUE(hasMappingFlag(policies, "dd"));
+              EXPECT_TRUE(hasMappingFlag(policies + sizeof g_encPolicyArray - 1, "dd"));
+              EXPECT_TRUE(hasMappingFlag(users, "dd"));
+              EXPECT_TRUE(hasMappingFlag(users + sizeof g_userInfo - 1, "dd"));
+              const BCipherKey key = g_makeKeyArray[g_encPolicyArray_flag][0];
+              EXPECT_TRUE(hasMappingFlag(key, "dd"));
+              EXPECT_TRUE(hasMappingFlag(key->keyMat + key->keyMatLen - 1, "dd"));
+              // Nothing else goes with them.
+              EXPECT_FALSE(hasMappingFlag(&g_makeKeyArray, "dd"));
+              EXPECT_FALSE(hasMappingFlag(&g_encColumnInfoArray, "dd"));
+              const auto store = store_test::openStore(home());
+              EXPECT_TRUE(hasMappingFlag(&store->keys(store_test::TableId::policy), "dd"));
+              EXPECT_TRUE(hasMappingFlag(store.get() + 1, "dd") ||
+                          reinterpret_cast<std::uintptr_t>(store.get() + 1) % 4096 == 0);
+              return 0;
+            }));
+}
+
+// The core file that the process leaves behind in its working directory, empty when the machine keeps core files
+// elsewhere.
+fs::path coreFileIn(const fs::path& directory) {
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    if (entry.path().filename().string().rfind("core", 0) == 0) {
+      return entry.path();
+    }
+  }
+  return {};
+}
+
+// A text that a process keeps in ordinary memory.
+std::string markerOf(pid_t process) {
+  return "ordinary memory of process " + std::to_string(process);
+}
+
+// Makes the process leave a core file in `directory` when it aborts.
+bool allowCore(const fs::path& directory) {
+  rlimit limit = {};
+  getrlimit(RLIMIT_CORE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  return limit.rlim_max == RLIM_INFINITY && setrlimit(RLIMIT_CORE, &limit) == 0 && prctl(PR_SET_DUMPABLE, 1) == 0 &&
+         chdir(directory.c_str()) == 0;
+}
+
+// The password value as a random text that nothing but the table holds.
+void changePassword() {
+  char text[] = "0123456789abcdef0123456789abcdef";
+  unsigned char bytes[16];
+  ASSERT_TRUE(cipher::randomBytes(bytes));
+  for (std::size_t i = 0; i < 32; ++i) {
+    text[i] = static_cast<char>('a' + (bytes[i / 2] >> (i % 2 * 4)) % 16);
+  }
+  EXPECT_EQ(2, row(kezu_conf_set_passwd, inSession().text({text, 32})));
+  OPENSSL_cleanse(text, sizeof text);
+}
+
+TEST_F(CoreDumpTest, ACoreFileHoldsNoKeyOfTheTables) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers' memory does not fit a core file";
+#endif
+  const std::string pattern = store_test::readText("/proc/sys/kernel/core_pattern");
+  if (pattern.find('|') != std::string::npos || pattern.find('/') != std::string::npos) {
+    GTEST_SKIP() << "core files go elsewhere: " << pattern;
+  }
+  rlimit limit = {};
+  getrlimit(RLIMIT_CORE, &limit);
+  if (limit.rlim_max != RLIM_INFINITY) {
+    GTEST_SKIP() << "core files are limited";
+  }
+  Server server([&](Server& self) {
+    startWithSession(home());
+    changePassword();
+    self.stepDone(g_userInfo[0].passwd, 32);
+    self.stepDone(makeAndUse(kGcm).columnKey, kDrawnKey);
+    SqlArguments unused = createPolicy("unused", 2, 1, kGcm);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, unused));
+    self.stepDone(g_encPolicyArray[g_encPolicyArray_flag][1].columnKey, kDrawnKey);
+    const std::string marker = markerOf(getpid());
+    EXPECT_TRUE(allowCore(home().parent_path())) << marker;
+    std::abort();
+  });
+  // A key that is in use stands in OpenSSL's contexts too, and these are in ordinary memory: of it, the column key
+  // only.
+  std::vector<Secret> secrets = {{"password", server.awaitStep(32)}};
+  server.goOn();
+  secrets.push_back({"column key in use", server.awaitStep(kDrawnKey)});
+  server.goOn();
+  const std::string unused = server.awaitStep(kDrawnKey);
+  for (Secret& secret : secretsOf(unused)) {
+    secrets.push_back({"unused " + secret.name, secret.bytes});
+  }
+  engine::store::TableKeys keys;
+  const auto master = engine::store::readMasterKeys(engine::store::machineFiles(), home() / "master.key");
+  ASSERT_TRUE(master.ok() && engine::store::deriveTableKeys(keys, master.value().current, "policy"));
+  secrets.push_back({"key of the policy file", {reinterpret_cast<char*>(keys.seal.bytes), sizeof keys.seal.bytes}});
+  EXPECT_NE(std::string::npos, listed(found(server.process(), secrets)).find("key of the policy file"));
+  server.goOn();
+  const int status = server.end();
+  ASSERT_TRUE(WIFSIGNALED(status));
+  const fs::path core = coreFileIn(home().parent_path());
+  ASSERT_FALSE(core.empty());
+  const std::string bytes = store_test::readText(core);
+  EXPECT_NE(std::string::npos, bytes.find(markerOf(server.process()))) << "the core file holds the process's memory";
+  for (const Secret& secret : secrets) {
+    EXPECT_EQ(std::string::npos, bytes.find(secret.bytes.substr(0, 16))) << secret.name;
+  }
+}
+
+}  // namespace
+}  // namespace fault
