@@ -157,7 +157,6 @@ bool takeInMode(Engine& engine, engine::PreparedPolicies& policies, unsigned lon
     return true;
   }
   none->publish();
-  engine.store->acceptMemory(TableId::policy);
   return false;
 }
 
