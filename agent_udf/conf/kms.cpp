@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Where policies come from: made locally, or fetched from the key management server.
+#include <atomic>
+
 #include "conf/check_auth.h"
 #include "conf/policy_table.h"
 #include "conf/setting.h"
@@ -54,7 +56,8 @@ long long useLocalPolicies() {
     logSetting(kLogNotice, "You cannot change to KMS Disable mode unless the number of columns is none.");
     return kInUse;
   }
-  kezu::publish(g_kmsMode, Q7_NO_KMS_MODE);
+  // An exchange, so that the slot read next is not older than what a fetch published before it saw this mode.
+  std::atomic_ref(g_kmsMode).exchange(Q7_NO_KMS_MODE, std::memory_order_acq_rel);
   const int slot = activePolicySlot();
   clearPolicySlot(slot);
   kezu::publish(g_numberOfEncPolicy[slot], 0);

@@ -18,8 +18,11 @@ namespace {
 std::vector<cipher::SecretBytes> contentsOf(const Policies& policies) {
   std::vector<cipher::SecretBytes> contents;
   contents.reserve(policies.size());
+  store::PolicyData one;
+  one.records.resize(1);  // where its memory is wiped: a braced list would leave the key on the stack
   for (const Q7EncPolicyInfo& policy : policies) {
-    contents.push_back(store::encode(store::PolicyData{{}, {policy}}));
+    one.records[0] = policy;
+    contents.push_back(store::encode(one));
   }
   std::sort(contents.begin(), contents.end());
   return contents;

@@ -7,7 +7,9 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include <climits>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "cipher/library.h"
 #include "engine/kms/socket.h"
@@ -55,12 +57,14 @@ store::Result<Pem> openPem(const std::string& path) {
     return image.error();
   }
   Pem pem{std::move(image.value()), nullptr};
-  pem.bio.reset(BIO_new_mem_buf(pem.image.bytes.data(), static_cast<int>(pem.image.bytes.size())));
+  const cipher::SecretBytes& bytes = pem.image.bytes;
+  pem.bio.reset(bytes.empty() ? BIO_new_mem_buf("", 0) : BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
   return pem.bio == nullptr ? store::Result<Pem>(outOfMemory()) : std::move(pem);
 }
 
-// The next certificate of a file, null at its end.
+// The next certificate of a file, null at its end or at what is none.
 CertificatePtr nextCertificate(BIO* bio) noexcept {
+  cipher::forgetErrors();
   X509* certificate = X509_new_ex(cipher::libraryContext(), nullptr);
   if (certificate != nullptr && PEM_read_bio_X509(bio, &certificate, noPassphrase, nullptr) == nullptr) {
     X509_free(certificate);
@@ -69,35 +73,54 @@ CertificatePtr nextCertificate(BIO* bio) noexcept {
   return CertificatePtr(certificate);
 }
 
-store::Status addAuthorities(SSL_CTX* context, const std::string& path) {
+// Whether reading stopped because there is no further PEM block, and not at a damaged one.
+bool stoppedAtEnd() noexcept {
+  const unsigned long code = ERR_peek_last_error();
+  return ERR_GET_LIB(code) == ERR_LIB_PEM && ERR_GET_REASON(code) == PEM_R_NO_START_LINE;
+}
+
+// All certificates of a file: one at least, none of them damaged.
+store::Result<std::vector<CertificatePtr>> readCertificates(const std::string& path, const std::string& setting) {
   const auto pem = openPem(path);
   if (!pem.ok()) {
     return pem.error();
   }
-  int count = 0;
-  while (const CertificatePtr certificate = nextCertificate(pem.value().bio.get())) {
-    if (X509_STORE_add_cert(SSL_CTX_get_cert_store(context), certificate.get()) != 1) {
+  std::vector<CertificatePtr> all;
+  while (CertificatePtr certificate = nextCertificate(pem.value().bio.get())) {
+    all.push_back(std::move(certificate));
+  }
+  if (!stoppedAtEnd()) {
+    return unusable(path, "holds a damaged certificate (" + setting + ")");
+  }
+  if (all.empty()) {
+    return unusable(path, "holds no certificate (" + setting + ")");
+  }
+  return all;
+}
+
+store::Status addAuthorities(SSL_CTX* context, const std::string& path) {
+  const auto authorities = readCertificates(path, "kms.ca");
+  if (!authorities.ok()) {
+    return authorities.error();
+  }
+  for (const CertificatePtr& authority : authorities.value()) {
+    if (X509_STORE_add_cert(SSL_CTX_get_cert_store(context), authority.get()) != 1) {
       return outOfMemory();
     }
-    ++count;
   }
-  return count > 0 ? store::Status() : unusable(path, "holds no certificate (kms.ca)");
+  return {};
 }
 
 store::Status addCertificate(SSL_CTX* context, const std::string& path) {
-  const auto pem = openPem(path);
-  if (!pem.ok()) {
-    return pem.error();
+  const auto chain = readCertificates(path, "kms.certificate");
+  if (!chain.ok()) {
+    return chain.error();
   }
-  const CertificatePtr own = nextCertificate(pem.value().bio.get());
-  if (own == nullptr) {
-    return unusable(path, "holds no certificate (kms.certificate)");
-  }
-  if (SSL_CTX_use_certificate(context, own.get()) != 1) {
+  if (SSL_CTX_use_certificate(context, chain.value()[0].get()) != 1) {
     return unusable(path, "its certificate can't be used for TLS");
   }
-  while (const CertificatePtr between = nextCertificate(pem.value().bio.get())) {
-    if (SSL_CTX_add1_chain_cert(context, between.get()) != 1) {
+  for (std::size_t i = 1; i < chain.value().size(); ++i) {
+    if (SSL_CTX_add1_chain_cert(context, chain.value()[i].get()) != 1) {
       return unusable(path, "a certificate after the first can't be used for TLS");
     }
   }
@@ -117,7 +140,8 @@ store::Status addKey(SSL_CTX* context, const std::string& path) {
   if (key == nullptr) {
     return unusable(path, "holds no private key that can be read without a password (kms.key)");
   }
-  if (SSL_CTX_use_PrivateKey(context, key.get()) != 1) {
+  // A key of another algorithm than the certificate's is taken, and only found out by the check.
+  if (SSL_CTX_use_PrivateKey(context, key.get()) != 1 || SSL_CTX_check_private_key(context) != 1) {
     return unusable(path, "is not the private key of the certificate (kms.key, kms.certificate)");
   }
   return {};
@@ -139,6 +163,9 @@ store::Result<TlsContext> makeTlsContext(const store::KmsSettings& settings) {
   }
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_options(context.get(), SSL_OP_CLEANSE_PLAINTEXT | SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_TICKET);
+  // Without a retry inside OpenSSL, a server that sends one record after another and never an answer can't keep a read
+  // from coming back to look at the time.
+  SSL_CTX_clear_mode(context.get(), SSL_MODE_AUTO_RETRY);
   SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
   if (store::Status status = addAuthorities(context.get(), settings.ca); !status.ok()) {

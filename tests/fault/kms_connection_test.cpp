@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 
 #include <csignal>
 
 #include "engine/kms/client.h"
+#include "engine/kms/tls.h"
 #include "engine/store/home.h"
 #include "fault/kms_fixture.h"
 #include "kezu/shared.h"
@@ -82,6 +84,19 @@ TEST_F(KmsConnectionTest, DoesNotAnswer) {
 TEST_F(KmsConnectionTest, TricklesItsAnswer) {
   usePolicies();
   play(Script{.reply = somePolicies(3), .trickle = 20ms}, {.connect = 60, .read = 0.5});
+  expectRefused({"no whole answer within read_timeout, 0.5 s"});
+}
+
+// The limit of a request holds for each of those that read policies, not only for all of them together.
+TEST_F(KmsConnectionTest, AnswersPoliciesTooLate) {
+  usePolicies();
+  const Keys keys = somePolicies(3);
+  play(Script{.reply =
+                  [keys](const Wire& request) {
+                    std::this_thread::sleep_for(operationsOf(request).size() > 1 ? 1500ms : 0ms);
+                    return keys(request);
+                  }},
+       {.connect = 60, .read = 0.5});
   expectRefused({"no whole answer within read_timeout, 0.5 s"});
 }
 
@@ -172,6 +187,41 @@ TEST_F(KmsConnectionTest, CertificateOfAnotherHost) {
   EXPECT_EQ(0, peer.requests());
 }
 
+// The peer takes no client whose certificates don't lead to the authority, so this checks the chains of both sides.
+TEST_F(KmsConnectionTest, CertificatesOfAnAuthorityBelow) {
+  const Identity& authority = Authority::instance().authority;
+  const Identity below = issue({.name = "authority below", .authority = true}, &authority);
+  const Identity server = issue({.name = "server", .alternative = "IP:127.0.0.1"}, &below);
+  const Identity client = issue({.name = "client"}, &below);
+  play(Script{.reply = somePolicies(2)}, {}, server);
+  writeCertificate(client, directory() / "client.pem");
+  writeKey(client, directory() / "client.key");
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+
+  usePolicies();
+  play(Script{.reply = somePolicies(2)}, {}, Identity{.certificate = server.certificate, .key = server.key});
+  expectRefused({"its certificate is not accepted", "unable to get local issuer certificate"});
+}
+
+// No authority is trusted but those of the file, and all of those are.
+TEST_F(KmsConnectionTest, EveryAuthorityOfTheFileIsTrusted) {
+  const Identity other = issue({.name = "another authority", .authority = true});
+  const Identity server = issue({.name = "server", .alternative = "IP:127.0.0.1"}, &other);
+  play(Script{.reply = somePolicies(2)}, {}, server);
+  writeCertificate(other, directory() / "other.pem");
+  store_test::writeText(directory() / "ca.pem", store_test::readText(directory() / "ca.pem") + "some words\n" +
+                                                    store_test::readText(directory() / "other.pem"));
+  EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+}
+
+TEST_F(KmsConnectionTest, CertificateForAnotherUse) {
+  usePolicies();
+  const Identity& authority = Authority::instance().authority;
+  const Identity client = issue({.name = "server", .alternative = "IP:127.0.0.1", .usage = "clientAuth"}, &authority);
+  play(Script{.reply = somePolicies(1)}, {}, client);
+  expectRefused({"its certificate is not accepted"});
+}
+
 TEST_F(KmsConnectionTest, HostByItsName) {
   Peer& peer = play(somePolicies(2));
   configure(peer.port(), {}, "localhost");
@@ -204,9 +254,27 @@ TEST_F(KmsConnectionTest, FilesThatAreMissingOrNotWhatTheyShouldBe) {
   broken("ca.pem", "nothing\n", {"ca.pem", "no certificate"});
   broken("client.pem", "nothing\n", {"client.pem", "no certificate"});
   broken("client.key", "nothing\n", {"client.key", "no private key"});
-  configure(peer.port());
-  writeKey(Authority::instance().server, directory() / "client.key");
-  expectRefused({"client.key", "not the private key of the certificate"});
+  for (const char* file : {"ca.pem", "client.pem", "client.key"}) {
+    broken(file, "\n", {file, "holds no"});
+    configure(peer.port());
+    fs::resize_file(directory() / file, 0);
+    expectRefused({file, "holds no"});
+  }
+  // Damaged behind a whole one: what follows must not be left out in silence.
+  for (const char* file : {"ca.pem", "client.pem"}) {
+    const std::string whole = store_test::readText(directory() / file);
+    broken(file, whole + whole.substr(0, whole.size() / 2), {file, "damaged certificate"});
+    std::string changed = whole;
+    changed[changed.size() / 2] = '!';
+    broken(file, whole + changed + whole, {file, "damaged certificate"});
+  }
+  Identity other = Authority::instance().server;
+  for (int i = 0; i < 2; ++i) {
+    configure(peer.port());
+    writeKey(other, directory() / "client.key");
+    expectRefused({"client.key", "not the private key of the certificate"});
+    other.key.reset(EVP_RSA_gen(2048), EVP_PKEY_free);  // of another algorithm than the certificate's
+  }
   configure(peer.port());
   fs::permissions(directory() / "client.key", fs::perms::owner_all | fs::perms::group_read);
   expectRefused({"client.key", "open to other users"});
@@ -235,6 +303,39 @@ TEST_F(KmsConnectionTest, OldTls) {
   expectRefused({"TLS failed"});
   play(Script{.reply = somePolicies(1), .newestTls = TLS1_2_VERSION});
   EXPECT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+}
+
+// A server that is too old for one reason is mostly too old for another as well, so the limits are asked for.
+TEST_F(KmsConnectionTest, TlsIsSetUpStrictly) {
+  configure(1);
+  const auto made = engine::kms::makeTlsContext(settings());
+  ASSERT_TRUE(made.ok()) << made.error().text;
+  SSL_CTX* context = made.value().get();
+  EXPECT_EQ(TLS1_2_VERSION, SSL_CTX_get_min_proto_version(context));
+  EXPECT_EQ(0, SSL_CTX_get_max_proto_version(context)) << "the newest is not left out";
+  EXPECT_EQ(SSL_VERIFY_PEER, SSL_CTX_get_verify_mode(context));
+  EXPECT_EQ(0u, SSL_CTX_get_mode(context) & SSL_MODE_AUTO_RETRY) << "a read may go on behind its limit";
+  EXPECT_NE(0u, SSL_CTX_get_options(context) & SSL_OP_CLEANSE_PLAINTEXT);
+}
+
+// What a host's certificate must be issued for: "IP ADDRESS" or "DNS NAME", and the name that the server is told.
+std::string expectedOf(const std::string& host) {
+  const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  const std::unique_ptr<SSL, void (*)(SSL*)> ssl(SSL_new(context.get()), SSL_free);
+  EXPECT_TRUE(engine::kms::expectHost(ssl.get(), host));
+  const auto text = [](const char* name) { return std::string(name == nullptr ? "" : name); };
+  const std::unique_ptr<char, void (*)(char*)> address(X509_VERIFY_PARAM_get1_ip_asc(SSL_get0_param(ssl.get())),
+                                                       [](char* memory) { OPENSSL_free(memory); });
+  return (address == nullptr ? "DNS " + text(X509_VERIFY_PARAM_get0_host(SSL_get0_param(ssl.get()), 0))
+                             : "IP " + text(address.get())) +
+         " told " + text(SSL_get_servername(ssl.get(), TLSEXT_NAMETYPE_host_name));
+}
+
+TEST_F(KmsConnectionTest, NamesAndAddressesAreCheckedAsSuch) {
+  EXPECT_EQ("DNS kms.example told kms.example", expectedOf("kms.example"));
+  EXPECT_EQ("IP 192.0.2.7 told ", expectedOf("192.0.2.7"));
+  EXPECT_EQ("IP 2001:DB8:0:0:0:0:0:1 told ", expectedOf("2001:db8::1"));
+  EXPECT_EQ("DNS 192.0.2 told 192.0.2", expectedOf("192.0.2")) << "no address in full";
 }
 
 // What the process must not notice
@@ -276,6 +377,23 @@ TEST_F(KmsConnectionTest, LeavesNoOpenSslErrorsAndNoDescriptors) {
   EXPECT_EQ(0u, ERR_peek_error());
 }
 
+// A program that the database server starts must not get hold of the connection.
+TEST_F(KmsConnectionTest, IsClosedInProgramsThatAreStarted) {
+  const auto inherited = [] {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
+      count += flags >= 0 && (flags & FD_CLOEXEC) == 0;
+    }
+    return count;
+  };
+  play(somePolicies(1));
+  const int before = inherited();
+  const auto client = engine::kms::Client::connect(settings());
+  ASSERT_TRUE(client.ok()) << client.error().text;
+  EXPECT_EQ(before, inherited());
+}
+
 // Other statements go on while the server is waited for: here one that the server itself waits for.
 TEST_F(KmsConnectionTest, OtherOperationsRunDuringAFetch) {
   const Keys keys = somePolicies(2);
@@ -296,6 +414,80 @@ TEST_F(KmsConnectionTest, AModeThatChangesDuringAFetchWins) {
     return keys(request);
   }});
   expectRefused({"mode was changed in the meantime"});
+}
+
+// What kezu_conf_set_kms_mode() does, at every moment of a fetch: no policy is in use afterwards.
+TEST_F(KmsConnectionTest, SwitchingOffDuringAFetchLeavesNoPolicies) {
+  const Keys keys = somePolicies(2);
+  std::atomic<bool> answered{false};
+  play(Script{.reply = [&, keys](const Wire& request) {
+    const Wire reply = keys(request);
+    answered = operationsOf(request).size() > 1;
+    return reply;
+  }});
+  int refused = 0;
+  for (int i = 0; i < 150; ++i) {
+    g_kmsMode = Q7_ONLY_KMS_MODE;
+    answered = false;
+    std::thread administrator([&] {
+      while (!answered) {
+        std::this_thread::yield();
+      }
+      const auto until = std::chrono::steady_clock::now() + i * 10us;
+      while (std::chrono::steady_clock::now() < until) {
+      }
+      std::atomic_ref(g_kmsMode).exchange(Q7_NO_KMS_MODE);
+      const int slot = kezu::observe(g_encPolicyArray_flag);
+      kezu::publish(g_numberOfEncPolicy[slot], 0);
+    });
+    refused += Q7_GetPolicyInfoFromKMS() != 0;
+    administrator.join();
+    ASSERT_TRUE(names().empty()) << "after " << i;
+  }
+  EXPECT_GT(refused, 0);
+}
+
+// Several statements at once, each of them whole: what is in use comes from one fetch.
+TEST_F(KmsConnectionTest, FetchesReloadsAndSavesAtOnce) {
+  std::atomic<int> fetch{0};
+  Keys keys = somePolicies(7);
+  play(Script{.reply = [&, keys](const Wire& request) mutable {
+    if (operationsOf(request).size() > 1) {
+      for (Key& key : keys.keys) key.name = fmt::format("f{}", fetch.load());
+      for (std::size_t i = 0; i < keys.keys.size(); ++i) keys.keys[i].name += fmt::format("p{}", i);
+      ++fetch;
+    }
+    return keys(request);
+  }});
+  ASSERT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
+  std::atomic<bool> done{false};
+  std::atomic<int> failed{0};
+  std::vector<std::thread> others;
+  others.emplace_back([&] {
+    while (!done) {
+      utimensat(AT_FDCWD, (directory() / "policy.kz").c_str(), nullptr, 0);
+      failed += Q7_ReloadAllInfoIfChanged() != 0;
+      failed += Q7_LoadPolicyInfo("") != 0;
+    }
+  });
+  others.emplace_back([&] {
+    while (!done) compareLocalAndKMSPolicy();
+  });
+  std::vector<std::thread> fetchers;
+  for (int i = 0; i < 2; ++i) {
+    fetchers.emplace_back([&] {
+      for (int n = 0; n < 20; ++n) failed += Q7_GetPolicyInfoFromKMS() != 0;
+    });
+  }
+  for (std::thread& one : fetchers) one.join();
+  done = true;
+  for (std::thread& one : others) one.join();
+  EXPECT_EQ(0, failed) << log();
+  const auto all = names();
+  ASSERT_EQ(7u, all.size());
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(all[0].substr(0, all[0].find('p')) + fmt::format("p{}", i), all[i]);
+  }
 }
 
 TEST_F(KmsConnectionTest, TheNewerOfTwoFetchesStays) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <fmt/format.h>
+#include <openssl/err.h>
 
 #include <chrono>
 #include <memory>
@@ -162,6 +163,7 @@ class KmsTest : public ::testing::Test {
     // The limits that are met on the way are below a second: this only tells a call that hangs.
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(50));
     EXPECT_EQ(before, table()) << "the table in use changed";
+    EXPECT_EQ(0u, ERR_peek_error()) << "left to the server's own connection";
     const std::string event = log().substr(logged.size());
     EXPECT_EQ(1, std::count(event.begin(), event.end(), '\n')) << event;
     for (const std::string& word : words) {

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
@@ -61,6 +62,13 @@ Identity issue(const Certified& what, const Identity* issuer) {
   if (!what.alternative.empty()) {
     addExtension(certificate, signer.certificate.get(), NID_subject_alt_name, what.alternative);
   }
+  if (!what.usage.empty()) {
+    addExtension(certificate, signer.certificate.get(), NID_ext_key_usage, what.usage);
+  }
+  if (issuer != nullptr && X509_self_signed(issuer->certificate.get(), 0) != 1) {
+    made.between.push_back(issuer->certificate);
+    made.between.insert(made.between.end(), issuer->between.begin(), issuer->between.end());
+  }
   require(X509_sign(certificate, signer.key.get(), EVP_sha256()) > 0, "signature");
   return made;
 }
@@ -68,6 +76,9 @@ Identity issue(const Certified& what, const Identity* issuer) {
 void writeCertificate(const Identity& identity, const std::filesystem::path& path) {
   const File file(std::fopen(path.c_str(), "w"));
   require(file != nullptr && PEM_write_X509(file.get(), identity.certificate.get()) == 1, "certificate file");
+  for (const auto& between : identity.between) {
+    require(PEM_write_X509(file.get(), between.get()) == 1, "certificate file");
+  }
 }
 
 void writeKey(const Identity& identity, const std::filesystem::path& path) {
@@ -106,6 +117,9 @@ void Peer::start(Script script, const Identity& server, const Identity& authorit
               SSL_CTX_use_PrivateKey(context_.get(), server.key.get()) == 1 &&
               X509_STORE_add_cert(SSL_CTX_get_cert_store(context_.get()), authority.certificate.get()) == 1,
           "server's certificate");
+  for (const auto& between : server.between) {
+    require(SSL_CTX_add1_chain_cert(context_.get(), between.get()) == 1, "server's chain");
+  }
   if (script_.newestTls < TLS1_2_VERSION) {
     SSL_CTX_set_security_level(context_.get(), 0);  // where such connections are possible at all
   }
@@ -130,6 +144,8 @@ void Peer::run() {
     if (fd < 0) {
       continue;
     }
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // else every answer waits for the client's delayed ACK
     ++connections_;
     if (script_.accept == Script::Accept::keepSilent) {
       waitFor(fd, POLLRDHUP);

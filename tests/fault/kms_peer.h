@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "fault/kms_wire.h"
 
@@ -21,6 +22,7 @@ namespace kms_test {
 struct Identity {
   std::shared_ptr<X509> certificate;
   std::shared_ptr<EVP_PKEY> key;
+  std::vector<std::shared_ptr<X509>> between = {};  // certificates that lead to the authority, the issuer's first
 };
 
 // What a certificate says.
@@ -30,11 +32,14 @@ struct Certified {
   bool authority = false;        // may issue others
   long from = -3600;             // validity, in seconds from now
   long to = 3600;
+  std::string usage = {};  // extendedKeyUsage, such as "clientAuth"; empty for any
 };
 
-// Issues a certificate; without an issuer, one that signs itself.
+// Issues a certificate; without an issuer, one that signs itself. One that an authority below another issued has the
+// way up to it in `between`.
 Identity issue(const Certified& what, const Identity* issuer = nullptr);
 
+// Writes the certificate, and those between after it.
 void writeCertificate(const Identity& identity, const std::filesystem::path& path);
 void writeKey(const Identity& identity, const std::filesystem::path& path);
 

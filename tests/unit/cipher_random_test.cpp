@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <thread>
 

@@ -12,6 +12,7 @@
 #include "cipher/prepared_key.h"
 #include "cipher/suite.h"
 #include "tests/unit/crypto_fixture.h"
+#include "tests/unit/source_folder.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ struct Vector {
 
 std::vector<Vector> readVectors() {
   std::vector<Vector> vectors;
-  std::istringstream lines(test::readFile("vectors/ciphers.txt"));
+  std::istringstream lines(test::readSource("unit/vectors/ciphers.txt"));
   for (std::string line; std::getline(lines, line);) {
     const std::size_t equals = line.find(" = ");
     if (line.starts_with('#') || equals == std::string::npos) continue;

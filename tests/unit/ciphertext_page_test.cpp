@@ -11,6 +11,7 @@
 
 #include "tests/unit/crypto_fixture.h"
 #include "tests/unit/independent_cipher.h"
+#include "tests/unit/source_folder.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ std::string trimmed(const std::string& text) {
 
 // The blocks of "field = value" lines, in the page's order.
 std::vector<Block> readBlocks() {
-  std::istringstream lines(test::readFile("../../docs/ciphertext.md"));
+  std::istringstream lines(test::readSource("../docs/ciphertext.md"));
   std::vector<Block> blocks;
   bool inside = false;
   for (std::string line; std::getline(lines, line);) {

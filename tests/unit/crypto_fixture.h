@@ -5,9 +5,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -54,13 +51,6 @@ inline Data patternOf(std::size_t size) {
   Data bytes(size);
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 7 + i / 251 + 1);
   return bytes;
-}
-
-// A file of the source tree, by its path from the tests' folder.
-inline std::string readFile(const std::string& path) {
-  std::ifstream file(std::filesystem::path(__FILE__).parent_path() / path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Codes of Q7_AddPolicyInfo, as docs/ciphertext.md has them.

@@ -533,6 +533,9 @@ TEST_F(StoreHomeTest, WithoutAKeyServerAFetchFailsAndSaysSo) {
   EXPECT_EQ(0, inChild([&] {
               EXPECT_EQ("", start(home()));
               EXPECT_NE(0, Q7_GetPolicyInfoFromKMS());
+              EXPECT_EQ(1u, countOf("policies are local in this key-server mode", logOfToday())) << logOfToday();
+              g_kmsMode = Q7_ONLY_KMS_MODE;
+              EXPECT_NE(0, Q7_GetPolicyInfoFromKMS());
               EXPECT_EQ(1u, countOf("names no key management server", logOfToday())) << logOfToday();
               return 0;
             }));
