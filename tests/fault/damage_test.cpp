@@ -66,13 +66,14 @@ class DamageTest : public StoreTest {
     return tables;
   }
 
-  // With `bytes` in the place of a table's file: a running server and one that starts refuse it with its name, and
-  // nothing in memory changes.
-  void expectNoticed(const char* name, const std::string& bytes) {
+  // With `bytes` in the place of a table's file: a running server and one that starts refuse it with its name and the
+  // reason, and nothing in memory changes.
+  void expectNoticed(const char* name, const std::string& bytes, const std::string& reason = "") {
     overwrite(file(name), bytes);
     const auto running = store_->reloadChanged();
     ASSERT_FALSE(running.ok());
     EXPECT_NE(std::string::npos, running.error().text.find(file(name).string() + ": ")) << running.error().text;
+    EXPECT_NE(std::string::npos, running.error().text.find(reason)) << running.error().text;
     EXPECT_NE(std::string::npos, running.error().text.find("kezu-admin verify")) << running.error().text;
     const auto starting = openStore(home())->loadAll();
     ASSERT_FALSE(starting.ok());
@@ -130,8 +131,9 @@ TEST_F(DamageTest, AFileInAnothersPlaceIsNoticed) {
     const std::string good = readText(file(name));
     for (const char* other : kTableNames) {
       if (other != name) {
-        ASSERT_NO_FATAL_FAILURE(expectNoticed(name, readText(file(other))));
-        ASSERT_NO_FATAL_FAILURE(expectNoticed(name, readText(file(other).string() + ".bak")));
+        ASSERT_NO_FATAL_FAILURE(expectNoticed(name, readText(file(other)), "the file of another table"));
+        ASSERT_NO_FATAL_FAILURE(
+            expectNoticed(name, readText(file(other).string() + ".bak"), "the file of another table"));
       }
     }
     overwrite(file(name), good);
@@ -144,7 +146,7 @@ TEST_F(DamageTest, AFileOfAnotherHomeIsNoticed) {
   for (const char* name : kTableNames) {
     const std::string good = readText(file(name));
     const std::string theirs = readText(foreign / (std::string(name) + ".kz"));
-    ASSERT_NO_FATAL_FAILURE(expectNoticed(name, theirs));
+    ASSERT_NO_FATAL_FAILURE(expectNoticed(name, theirs, "another master key"));
     overwrite(file(name), good);
     // And ours in theirs.
     overwrite(foreign / (std::string(name) + ".kz"), good);

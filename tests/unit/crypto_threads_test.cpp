@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "cipher/key_slot.h"
 #include "engine/policy/policy_key.h"
 #include "kezu/engine.h"
 #include "kezu/shared.h"
@@ -101,7 +102,7 @@ class Threads : public testing::Test {
       unsigned int size = 0;
       wrong_ += kezuHmacBinary(expected[i].data(), &size, text, 4, kHashSha256, &copy) == 0 ? 0 : 1;
     }
-    while (!done_) {
+    for (unsigned int i = 0; !done_ || i < 100; ++i) {
       Data code(64);
       unsigned int size = 0;
       if (kezuHmacBinary(code.data(), &size, text, 4, kHashSha256, &g_encPolicyArray[1][0]) != 0) continue;
@@ -195,6 +196,78 @@ TEST_F(Threads, HandlesBelongToWhoMadeThem) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong_, 0);
+}
+
+// Two keys that take turns in one slot's memory: no other slot is free, so a deleted handle is the next one made.
+class OneSlot : public testing::Test {
+ protected:
+  OneSlot() {
+    BCipherKey first = make(0);
+    BCIPHER_DelKey(first);
+    while ((handle_ = make(0)) != first) others_.push_back(handle_);
+  }
+  ~OneSlot() override {
+    others_.push_back(handle_);
+    for (BCipherKey key : others_) BCIPHER_DelKey(key);
+  }
+
+  static BCipherKey make(std::uint64_t which) {
+    cipher::KeyMaterial material;
+    std::memset(&material, 'A' + static_cast<int>(which), sizeof material);
+    const cipher::Suite* suite =
+        which == 0 ? cipher::findSuite(test::AES256, test::GCM) : cipher::findSuite(test::SM4, test::CBC);
+    return cipher::makeKey(test::AES256, suite, material, {reinterpret_cast<const unsigned char*>(&which), 8});
+  }
+
+  // What a session computes that presents a key's binding; empty for none.
+  Data computed(std::uint64_t which) {
+    const auto matches = [which](const cipher::Binding& binding) {
+      return binding.size() == 8 && binding.word(0) == which;
+    };
+    cipher::Session session(handle_, matches);
+    if (!session) return {};
+    Data mac(cipher::kSha256Size);
+    const cipher::Bytes text(mac.data(), mac.size());
+    session.key().ivMac(mac.data(), {&text, 1});
+    return session.finish() ? mac : Data();
+  }
+
+  BCipherKey handle_ = nullptr;
+  std::vector<BCipherKey> others_;
+};
+
+// A thread comes too late at every point of a session: between looking at the handle and taking its key, and between
+// that and the end.
+TEST_F(OneSlot, SessionsGiveTheirOwnKeysResultsOrNone) {
+  const std::array<Data, 2> expected = [&] {
+    const Data one = computed(0);
+    BCIPHER_DelKey(handle_);
+    EXPECT_EQ(make(1), handle_);
+    return std::array{one, computed(1)};
+  }();
+  ASSERT_NE(expected[0], expected[1]);
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::atomic<int> right{0};
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < 3; ++i) {
+    threads.emplace_back([&, i] {
+      for (std::size_t round = i; !done; ++round) {
+        const Data result = computed(round % 2);
+        if (!result.empty()) ++(result == expected[round % 2] ? right : wrong);
+      }
+    });
+  }
+  for (int i = 0; i < 20 * kChanges || right == 0; ++i) {
+    BCIPHER_WipeKey(handle_);
+    BCIPHER_DelKey(handle_);
+    EXPECT_EQ(make(static_cast<std::uint64_t>(i) % 2), handle_);
+    for (int pause = i % 8 * 200; pause > 0 && wrong == 0; --pause) {
+    }
+  }
+  done = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace
