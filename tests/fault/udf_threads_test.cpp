@@ -17,6 +17,7 @@ using store_test::inChild;
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 20;  // of the administrator, unless KEZU_TEST_ROUNDS of the environment says otherwise
+constexpr int kReplacements = 50'000;  // of one policy by another
 constexpr std::string_view kValue = "4111-1111-1111-1111";
 constexpr const char* kAlgorithms[] = {"SHA1", "SHA256", "SHA512", "HAS160"};
 
@@ -224,6 +225,66 @@ TEST_F(UdfThreadsTest, ResultsAreRightOrEmptyWhileEverythingChanges) {
               // With nothing changing any more, nothing is empty any more.
               EXPECT_EQ(expected.deterministic, processed("det", 0, kValue));
               EXPECT_EQ(expected.hmac[0], hmacOf("SHA1"));
+              return 0;
+            }));
+}
+
+// A policy with its key, to be put into a place of the table again and again.
+struct Stored {
+  Q7EncPolicyInfo record;
+  BCipherKey key;
+
+  explicit Stored(int index)
+      : record(g_encPolicyArray[g_encPolicyArray_flag][index]),
+        key(BCIPHER_DupKey(g_makeKeyArray[g_encPolicyArray_flag][index])) {}
+  Stored(const Stored&) = delete;
+  Stored& operator=(const Stored&) = delete;
+  ~Stored() { BCIPHER_DelKey(key); }
+
+  // Into the first place of the active slot, in the order in which a slot is rebuilt.
+  void putFirst() const {
+    const int slot = g_encPolicyArray_flag;
+    BCipherKey old = g_makeKeyArray[slot][0];
+    BCIPHER_WipeKey(old);
+    BCIPHER_DelKey(old);
+    kezu::publish(g_makeKeyArray[slot][0], BCipherKey{nullptr});
+    kezu::clearRecord(g_encPolicyArray[slot][0]);
+    kezu::storeRecord(g_encPolicyArray[slot][0], record);
+    kezu::publish(g_makeKeyArray[slot][0], BCIPHER_DupKey(key));
+  }
+};
+
+// The slot that readers are in is rebuilt with another policy in the place of theirs, a thousand times as often as
+// saves allow: also between finding the name and taking the key.
+TEST_F(UdfThreadsTest, ResultsAreOfTheNamedPolicyWhileItsPlaceIsAnothers) {
+  store_test::writeText(file("policy"), policyFileWith(0));
+  EXPECT_EQ(0, inChild([&] {
+              startWithSession(home());
+              const Expected expected = expectedResults();
+              const Stored det(0);
+              const Stored other(1);
+              Counts counts;
+              std::atomic<bool> done{false};
+              std::vector<std::thread> connections;
+              for (int i = 0; i < 3; ++i) {
+                connections.emplace_back([&] {
+                  while (!done) {
+                    counts.add(processed("det", 0, kValue), expected.deterministic);
+                    counts.add(processed("det", 1, expected.deterministic), kValue);
+                    counts.add(hmacOf(kAlgorithms[1]), expected.hmac[1]);
+                  }
+                });
+              }
+              for (int i = 0; (i < kReplacements || counts.right == 0) && counts.wrong == 0; ++i) {
+                (i % 2 == 0 ? other : det).putFirst();
+                for (int pause = i % 8 * 400; pause > 0 && !done; --pause) {
+                }
+              }
+              done = true;
+              for (std::thread& connection : connections) {
+                connection.join();
+              }
+              EXPECT_EQ(0, counts.wrong) << "right " << counts.right << ", empty " << counts.empty;
               return 0;
             }));
 }
