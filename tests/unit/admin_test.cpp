@@ -291,7 +291,7 @@ TEST_F(AdminTest, RootKeepsTheOwnerOfTheFiles) {
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   const Outcome changed = on("passwd --password-file -", "new");
   ASSERT_EQ(0, changed.status) << changed.err;
-  for (const char* command : {"status", "verify", "dump"}) {
+  for (const char* command : {"status", "verify", "dump", "rekey"}) {
     EXPECT_EQ(0, on(command).status) << command;
   }
   unsetenv("ASAN_OPTIONS");
