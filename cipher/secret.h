@@ -11,6 +11,15 @@
 
 namespace cipher {
 
+// A block from this size on is mapped from the kernel, and goes back to it when it is freed. malloc does the same from
+// its own M_MMAP_THRESHOLD (mallopt(3)), 128 KiB too, but only until the server has freed a larger block: from then on
+// it would keep all that a reload takes for a while, tens of megabytes.
+inline constexpr std::size_t kMappedSize = std::size_t{128} << 10;
+
+// Memory of `size` bytes on pages of its own. Throws std::bad_alloc.
+void* mapBlock(std::size_t size);
+void unmapBlock(void* block, std::size_t size) noexcept;
+
 // Allocator that overwrites memory before it frees it.
 template <typename T>
 struct CleansingAllocator {
@@ -20,10 +29,18 @@ struct CleansingAllocator {
   template <typename U>
   CleansingAllocator(const CleansingAllocator<U>& /*other*/) noexcept {}  // NOLINT(google-explicit-constructor)
 
-  T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T))); }
+  T* allocate(std::size_t n) {
+    const std::size_t size = n * sizeof(T);
+    return static_cast<T*>(size < kMappedSize ? ::operator new(size) : mapBlock(size));
+  }
   void deallocate(T* p, std::size_t n) noexcept {
-    OPENSSL_cleanse(p, n * sizeof(T));
-    ::operator delete(p);
+    const std::size_t size = n * sizeof(T);
+    OPENSSL_cleanse(p, size);
+    if (size < kMappedSize) {
+      ::operator delete(p);
+    } else {
+      unmapBlock(p, size);
+    }
   }
   template <typename U>
   bool operator==(const CleansingAllocator<U>& /*other*/) const noexcept {

@@ -127,6 +127,16 @@ class TextReader {
   std::string fault_;
 };
 
+store::Status checkName(std::string_view name) {
+  if (name.size() > kMaxPolicyName) {
+    return invalid(fmt::format("its name is longer than {} bytes", kMaxPolicyName));
+  }
+  if (!std::all_of(name.begin(), name.end(), isLetterOrDigit)) {
+    return invalid("its name has other characters than letters and digits");
+  }
+  return {};
+}
+
 // Everything but name and key.
 void takeFields(const Q7EncPolicyInfo& from, Q7EncPolicyInfo& to) noexcept {
   to.algID = from.algID;
@@ -169,11 +179,8 @@ store::Status readPolicyText(std::string_view text, Q7EncPolicyInfo& policy) {
 }
 
 store::Status setPolicyName(std::string_view name, Q7EncPolicyInfo& policy) {
-  if (name.size() > kMaxPolicyName) {
-    return invalid(fmt::format("its name is longer than {} bytes", kMaxPolicyName));
-  }
-  if (!std::all_of(name.begin(), name.end(), isLetterOrDigit)) {
-    return invalid("its name has other characters than letters and digits");
+  if (store::Status status = checkName(name); !status.ok()) {
+    return status;
   }
   std::memset(policy.policyID, 0, sizeof policy.policyID);
   std::copy(name.begin(), name.end(), policy.policyID);
@@ -192,7 +199,7 @@ store::Status setPolicyKey(std::span<const unsigned char> key, Q7EncPolicyInfo& 
 
 store::Status checkPolicy(const Q7EncPolicyInfo& policy) {
   const char* fault = policyFault(policy);
-  return fault == nullptr ? store::Status() : store::Status(invalid(fault));
+  return fault == nullptr ? checkName(policy.policyID) : store::Status(invalid(fault));
 }
 
 }  // namespace engine::kms

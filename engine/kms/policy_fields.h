@@ -39,7 +39,8 @@ store::Status setPolicyName(std::string_view name, Q7EncPolicyInfo& policy);
 // Sets the column key of `policy`: 1 to 64 bytes.
 store::Status setPolicyKey(std::span<const unsigned char> key, Q7EncPolicyInfo& policy);
 
-// An error when a policy can't be used here: the checks of Q7_AddPolicyInfo().
+// An error when a policy can't be used here, or has a name that can't be fetched: the checks of Q7_AddPolicyInfo() and
+// of setPolicyName().
 store::Status checkPolicy(const Q7EncPolicyInfo& policy);
 
 }  // namespace engine::kms

@@ -4,72 +4,272 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
-#include <iterator>
-#include <map>
-#include <nlohmann/json.hpp>
+#include <cstring>
+#include <optional>
+#include <span>
 #include <string_view>
+#include <utility>
 
 #include "engine/policy/policy_key.h"
 
 namespace engine::store {
 namespace {
 
-// JSON whose texts (byte strings here) are wiped when they are released.
-using Json = nlohmann::basic_json<std::map, std::vector, std::string, bool, std::int64_t, std::uint64_t, double,
-                                  cipher::CleansingAllocator, nlohmann::adl_serializer, cipher::SecretBytes>;
+// The types of CBOR that tables are made of (RFC 8949, section 3.1). Records are written and read where they stand,
+// with no tree of values between: for thousands of records the tree is most of a save's time, and several times the
+// table's size in memory.
+enum class Type : unsigned { unsignedNumber = 0, negativeNumber = 1, byteString = 2, text = 3, array = 4, map = 5 };
 
-constexpr const char* kSettings = "settings";
-constexpr const char* kRecords = "records";
+constexpr std::string_view kSettings = "settings";
+constexpr std::string_view kRecords = "records";
 
 Error invalid(std::string reason) {
   return {Error::Kind::invalid, std::move(reason)};
 }
 
-Json binary(const char* bytes, std::size_t length) {
-  return Json::binary(cipher::SecretBytes(bytes, bytes + length));
+Error noTable() {
+  return invalid("does not hold a table");
 }
 
-// Visitor that turns a record into an object.
+constexpr std::size_t kMaxFields = 16;  // of a record or of settings; more than any of them has
+
+// A field's value where it stands, in a record or in a payload.
+struct Value {
+  enum class Kind { number, bytes, other };
+  Kind kind = Kind::other;
+  std::int64_t number = 0;
+  std::span<const unsigned char> bytes;
+};
+
+struct Field {
+  std::string_view name;
+  Value value;
+};
+
+// Takes a payload's items one after the other, and only counts their bytes as long as it has no place for them.
+class Output {
+ public:
+  explicit Output(unsigned char* place) : place_(place) {}
+
+  std::size_t size() const { return size_; }
+
+  // The head of an item: its type, and its value or length in the fewest bytes that hold it.
+  void head(Type type, std::uint64_t argument) {
+    const auto major = static_cast<unsigned>(type) << 5U;
+    if (argument < 24) {
+      byte(major | argument);
+      return;
+    }
+    const unsigned width = argument <= UINT8_MAX ? 0 : argument <= UINT16_MAX ? 1 : argument <= UINT32_MAX ? 2 : 3;
+    byte(major | (24U + width));
+    for (unsigned bits = 8U << width; bits > 0; bits -= 8) {
+      byte(argument >> (bits - 8) & 0xFFU);
+    }
+  }
+
+  void text(std::string_view text) {
+    head(Type::text, text.size());
+    bytes({reinterpret_cast<const unsigned char*>(text.data()), text.size()});
+  }
+
+  void value(const Value& value) {
+    if (value.kind == Value::Kind::bytes) {
+      head(Type::byteString, value.bytes.size());
+      bytes(value.bytes);
+    } else if (value.kind == Value::Kind::other) {
+      byte(kNull);
+    } else if (value.number < 0) {
+      head(Type::negativeNumber, static_cast<std::uint64_t>(-1 - value.number));
+    } else {
+      head(Type::unsignedNumber, static_cast<std::uint64_t>(value.number));
+    }
+  }
+
+ private:
+  static constexpr std::uint64_t kNull = 0xF6;
+
+  void byte(std::uint64_t value) {
+    if (place_ != nullptr) {
+      place_[size_] = static_cast<unsigned char>(value);
+    }
+    ++size_;
+  }
+  void bytes(std::span<const unsigned char> bytes) {
+    if (place_ != nullptr) {
+      std::copy(bytes.begin(), bytes.end(), place_ + size_);
+    }
+    size_ += bytes.size();
+  }
+
+  unsigned char* place_;
+  std::size_t size_ = 0;
+};
+
+// Visitor that collects the fields of a record, to write them as a map in the order of their names.
 class Writer {
  public:
   template <std::size_t N>
   void text(const char* name, const char (&field)[N]) {
-    object_[name] = binary(field, strnlen(field, N));
+    byteString(name, field, strnlen(field, N));
   }
   template <std::size_t N>
   void password(const char* name, const char (&field)[N]) {
     text(name, field);
   }
-  void pattern(const char* name, const std::string& value) { object_[name] = binary(value.data(), value.size()); }
+  void pattern(const char* name, const std::string& value) { byteString(name, value.data(), value.size()); }
   template <typename Int>
   void number(const char* name, Int value, Int /*low*/, Int /*high*/) {
-    object_[name] = value;
+    add(name, {Value::Kind::number, value, {}});
   }
-  void flag(const char* name, char value) { object_[name] = static_cast<int>(static_cast<unsigned char>(value)); }
+  void flag(const char* name, char value) { number(name, int{static_cast<unsigned char>(value)}, 0, 255); }
   template <std::size_t N>
   void bytes(const char* name, const char (&field)[N], int length) {
-    // A length that the field can't have becomes a null, which no reader takes.
-    const bool fits = length >= 0 && static_cast<std::size_t>(length) <= N;
-    object_[name] = fits ? binary(field, static_cast<std::size_t>(length)) : Json(nullptr);
+    if (length >= 0 && static_cast<std::size_t>(length) <= N) {
+      byteString(name, field, static_cast<std::size_t>(length));
+    } else {
+      add(name, {});  // a length that the field can't have becomes a null, which no reader takes
+    }
   }
   template <std::size_t N>
   void key(const char* name, const char (&field)[N], int length) {
     bytes(name, field, length);
   }
 
-  Json take() { return std::move(object_); }
+  void write(Output& out) {
+    const auto end = fields_.begin() + static_cast<std::ptrdiff_t>(count_);
+    std::sort(fields_.begin(), end, [](const Field& a, const Field& b) { return a.name < b.name; });
+    out.head(Type::map, count_);
+    std::for_each(fields_.begin(), end, [&out](const Field& field) {
+      out.text(field.name);
+      out.value(field.value);
+    });
+  }
 
  private:
-  Json object_ = Json::object();
+  void add(const char* name, const Value& value) { fields_.at(count_++) = {name, value}; }
+  void byteString(const char* name, const char* value, std::size_t length) {
+    add(name, {Value::Kind::bytes, 0, {reinterpret_cast<const unsigned char*>(value), length}});
+  }
+
+  std::array<Field, kMaxFields> fields_;
+  std::size_t count_ = 0;
 };
 
-// Visitor that fills a record, zero before, from an object. The first field that can't be accepted is remembered.
+// Walks over a payload's items. Strings and arrays that only claim to be there are refused: nothing is read past the
+// end, and no count is larger than the bytes that are left.
+class Items {
+ public:
+  explicit Items(std::span<const unsigned char> payload) : rest_(payload) {}
+
+  bool atEnd() const { return rest_.empty(); }
+
+  // The count of an array or map that begins here, with the items still ahead. Nothing where none begins.
+  std::optional<std::size_t> open(Type type) {
+    const auto head = next();
+    const bool fits = head && head->type == static_cast<unsigned>(type) && head->argument <= rest_.size();
+    return fits ? std::optional(static_cast<std::size_t>(head->argument)) : std::nullopt;
+  }
+
+  // A text.
+  std::optional<std::string_view> text() {
+    const auto length = open(Type::text);
+    if (!length) {
+      return std::nullopt;
+    }
+    const auto bytes = skip(*length);
+    return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  }
+
+  // A value that holds no others. Nothing for one that does, and for what is no CBOR of known length.
+  std::optional<Value> value() {
+    const auto head = next();
+    if (!head) {
+      return std::nullopt;
+    }
+    const bool fitsSigned = head->argument <= static_cast<std::uint64_t>(INT64_MAX);
+    switch (head->type) {
+      case static_cast<unsigned>(Type::unsignedNumber):
+      case static_cast<unsigned>(Type::negativeNumber): {
+        if (!fitsSigned) {
+          return Value{};
+        }
+        const auto number = static_cast<std::int64_t>(head->argument);
+        return Value{Value::Kind::number, head->type == 0 ? number : -1 - number, {}};
+      }
+      case static_cast<unsigned>(Type::byteString):
+      case static_cast<unsigned>(Type::text): {
+        if (head->argument > rest_.size()) {
+          return std::nullopt;
+        }
+        const auto bytes = skip(static_cast<std::size_t>(head->argument));
+        return head->type == static_cast<unsigned>(Type::text) ? Value{} : Value{Value::Kind::bytes, 0, bytes};
+      }
+      case kSimple:
+        return Value{};
+      default:
+        return std::nullopt;
+    }
+  }
+
+ private:
+  static constexpr unsigned kSimple = 7;  // null, true, false, floating-point numbers
+
+  struct Head {
+    unsigned type = 0;
+    std::uint64_t argument = 0;
+  };
+
+  std::span<const unsigned char> skip(std::size_t length) {
+    const auto bytes = rest_.first(length);
+    rest_ = rest_.subspan(length);
+    return bytes;
+  }
+
+  // Nothing at the end, and for an unknown length.
+  std::optional<Head> next() {
+    if (rest_.empty()) {
+      return std::nullopt;
+    }
+    const unsigned first = skip(1)[0];
+    Head head = {first >> 5U, first & 31U};
+    if (head.argument < 24) {
+      return head;
+    }
+    const std::size_t width = std::size_t{1} << (head.argument - 24);
+    if (head.argument > 27 || width > rest_.size()) {
+      return std::nullopt;
+    }
+    head.argument = 0;
+    for (const unsigned char byte : skip(width)) {
+      head.argument = head.argument << 8U | byte;
+    }
+    return head;
+  }
+
+  std::span<const unsigned char> rest_;
+};
+
+// Visitor that fills a record, zero before, from a map. The first field that can't be accepted is remembered.
 class Reader {
  public:
-  explicit Reader(const Json& object) : object_(object) {
-    if (!object_.is_object()) {
+  explicit Reader(Items& items) {
+    const auto count = items.open(Type::map);
+    if (!count) {
       fault_ = "is no object";
+      return;
+    }
+    for (std::size_t i = 0; i < *count && fault_.empty(); ++i) {
+      const auto name = items.text();
+      const auto value = name ? items.value() : std::nullopt;
+      if (!value) {
+        fault_ = "is damaged";
+      } else if (count_ == kMaxFields) {
+        fault_ = kUnknownFields;
+      } else {
+        fields_[count_++] = {*name, *value};
+      }
     }
   }
 
@@ -82,24 +282,20 @@ class Reader {
     store(field, string(name, 1, N, true));
   }
   void pattern(const char* name, std::string& value) {
-    if (const auto* bytes = string(name, 0, SIZE_MAX, false)) {
-      value.assign(bytes->begin(), bytes->end());
-    }
+    const auto bytes = string(name, 0, SIZE_MAX, false);
+    value.assign(bytes.begin(), bytes.end());
   }
   template <typename Int>
   void number(const char* name, Int& value, Int low, Int high) {
-    const Json* node = find(name);
-    if (node == nullptr) {
+    const Value* found = find(name);
+    if (found == nullptr) {
       return;
     }
-    // An unsigned number past the signed type's range would come out negative.
-    const bool tooLarge =
-        node->is_number_unsigned() && node->get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX);
-    if (!node->is_number_integer() || tooLarge || node->get<std::int64_t>() < low || node->get<std::int64_t>() > high) {
+    if (found->kind != Value::Kind::number || found->number < low || found->number > high) {
       fail(name, "is out of range");
       return;
     }
-    value = static_cast<Int>(node->get<std::int64_t>());
+    value = static_cast<Int>(found->number);
   }
   void flag(const char* name, char& value) {
     int code = 0;
@@ -108,73 +304,70 @@ class Reader {
   }
   template <std::size_t N>
   void bytes(const char* name, char (&field)[N], int& length) {
-    const auto* value = string(name, 0, N, false);
+    const auto value = string(name, 0, N, false);
     store(field, value);
-    length = value == nullptr ? 0 : static_cast<int>(value->size());
+    length = static_cast<int>(value.size());
   }
   template <std::size_t N>
   void key(const char* name, char (&field)[N], int& length) {
     bytes(name, field, length);
   }
 
-  // Why the object can't be accepted, empty when it can. To be called last.
-  std::string fault() const {
-    if (fault_.empty() && object_.size() != found_) {
-      return "has fields that this release does not know";
-    }
-    return fault_;
-  }
+  // Why the map can't be accepted, empty when it can. To be called last.
+  std::string fault() const { return fault_.empty() && found_ != count_ ? kUnknownFields : fault_; }
 
  private:
-  const Json* find(const char* name) {
+  // Also what a field that is there twice counts as: the second one is never asked for.
+  static constexpr const char* kUnknownFields = "has fields that this release does not know";
+
+  const Value* find(std::string_view name) {
     if (!fault_.empty()) {
       return nullptr;
     }
-    const auto node = object_.find(name);
-    if (node == object_.end()) {
+    const auto end = fields_.begin() + static_cast<std::ptrdiff_t>(count_);
+    const auto field = std::find_if(fields_.begin(), end, [name](const Field& one) { return one.name == name; });
+    if (field == end) {
       fail(name, "is missing");
       return nullptr;
     }
     ++found_;
-    return &*node;
+    return &field->value;
   }
 
-  // The byte string of a field, null when it can't be accepted.
-  const cipher::SecretBytes* string(const char* name, std::size_t low, std::size_t high, bool text) {
-    const Json* node = find(name);
-    if (node == nullptr) {
-      return nullptr;
+  // The byte string of a field, empty when it can't be accepted.
+  std::span<const unsigned char> string(std::string_view name, std::size_t low, std::size_t high, bool text) {
+    const Value* value = find(name);
+    if (value == nullptr) {
+      return {};
     }
-    if (!node->is_binary() || node->get_binary().has_subtype()) {
+    const auto bytes = value->bytes;
+    if (value->kind != Value::Kind::bytes) {
       fail(name, "is no text");
-      return nullptr;
-    }
-    const cipher::SecretBytes& bytes = node->get_binary();
-    if (bytes.size() < low || bytes.size() > high) {
+    } else if (bytes.size() < low || bytes.size() > high) {
       fail(name, bytes.size() < low ? "is too short" : "is too long");
-      return nullptr;
-    }
-    if (text && std::find(bytes.begin(), bytes.end(), 0) != bytes.end()) {
+    } else if (text && !bytes.empty() && std::memchr(bytes.data(), 0, bytes.size()) != nullptr) {
       fail(name, "holds a zero byte");
-      return nullptr;
+    } else {
+      return bytes;
     }
-    return &bytes;
+    return {};
   }
 
   template <std::size_t N>
-  static void store(char (&field)[N], const cipher::SecretBytes* bytes) {
-    if (bytes != nullptr) {
-      std::copy(bytes->begin(), bytes->end(), field);
+  static void store(char (&field)[N], std::span<const unsigned char> bytes) {
+    if (!bytes.empty()) {
+      std::memcpy(field, bytes.data(), bytes.size());
     }
   }
 
-  void fail(const char* name, const char* reason) {
+  void fail(std::string_view name, const char* reason) {
     if (fault_.empty()) {
       fault_ = fmt::format("'{}' {}", name, reason);
     }
   }
 
-  const Json& object_;
+  std::array<Field, kMaxFields> fields_;
+  std::size_t count_ = 0;
   std::size_t found_ = 0;
   std::string fault_;
 };
@@ -190,16 +383,30 @@ std::string recordFault(const Q7EncPolicyInfo& policy) {
 }
 
 template <typename Record>
-Json toObject(const Record& record) {
+void write(Output& out, const Record& record) {
   Writer writer;
   fields(writer, const_cast<Record&>(record));  // the writer only reads
-  return writer.take();
+  writer.write(out);
+}
+
+template <typename Data>
+std::size_t writeTable(unsigned char* place, const Data& data) {
+  Output out(place);
+  out.head(Type::map, 2);
+  out.text(kRecords);
+  out.head(Type::array, data.records.size());
+  for (const auto& record : data.records) {
+    write(out, record);
+  }
+  out.text(kSettings);
+  write(out, data.settings);
+  return out.size();
 }
 
 // Fills `record`, and returns why it can't be.
 template <typename Record>
-std::string fromObject(Record& record, const Json& object) {
-  Reader reader(object);
+std::string read(Items& items, Record& record) {
+  Reader reader(items);
   fields(reader, record);
   std::string fault = reader.fault();
   return fault.empty() ? recordFault(record) : fault;
@@ -215,75 +422,66 @@ Record emptyRecord() {
   return record;
 }
 
-// Builds a table from CBOR, and stops at what no table has: a fourth level, which a reader that calls itself would run
-// out of stack on, or a count that the payload has no bytes for.
-class TableBuilder : public nlohmann::detail::json_sax_dom_parser<Json> {
- public:
-  TableBuilder(Json& table, std::size_t payloadSize) : json_sax_dom_parser(table, false), payloadSize_(payloadSize) {}
-
-  bool start_object(std::size_t count) { return enter(count) && json_sax_dom_parser::start_object(count); }
-  bool start_array(std::size_t count) { return enter(count) && json_sax_dom_parser::start_array(count); }
-  bool end_object() { return leave() && json_sax_dom_parser::end_object(); }
-  bool end_array() { return leave() && json_sax_dom_parser::end_array(); }
-
- private:
-  static constexpr int kLevels = 3;  // the table, its records, a record
-  static constexpr auto kUncounted = static_cast<std::size_t>(-1);
-
-  bool enter(std::size_t count) { return ++level_ <= kLevels && (count == kUncounted || count <= payloadSize_); }
-  bool leave() { return --level_ >= 0; }
-
-  std::size_t payloadSize_;
-  int level_ = 0;
-};
-
-// Null for what is no table's CBOR.
-Json parse(const cipher::SecretBytes& payload) {
-  Json table;
-  TableBuilder builder(table, payload.size());
-  return Json::sax_parse(payload.begin(), payload.end(), &builder, Json::input_format_t::cbor) ? table : Json();
+// Reads a table. `next` gives the place for each record, zero; `reserve` is told their count before.
+template <typename Data, typename Reserve, typename Next>
+Status readTable(const cipher::SecretBytes& payload, typename Data::Settings& settings, Reserve reserve, Next next) {
+  Items items(payload);
+  if (items.open(Type::map) != 2 || items.text() != kRecords) {
+    return noTable();
+  }
+  const auto count = items.open(Type::array);
+  if (!count) {
+    return noTable();
+  }
+  if (*count > static_cast<std::size_t>(Data::kCapacity)) {
+    return invalid(fmt::format("holds {} records, and a table takes {}", *count, Data::kCapacity));
+  }
+  reserve(*count);
+  for (std::size_t i = 0; i < *count; ++i) {
+    if (const std::string fault = read(items, next()); !fault.empty()) {
+      return invalid(fmt::format("record {}: {}", i, fault));
+    }
+  }
+  if (items.text() != kSettings) {
+    return noTable();
+  }
+  if (const std::string fault = read(items, settings); !fault.empty()) {
+    return invalid("settings: " + fault);
+  }
+  return items.atEnd() ? Status() : noTable();
 }
 
 }  // namespace
 
 template <typename Data>
 cipher::SecretBytes encode(const Data& data) {
-  Json::array_t records;
-  records.reserve(data.records.size());
-  for (const auto& record : data.records) {
-    records.push_back(toObject(record));
-  }
-  Json table = Json::object();
-  table[kSettings] = toObject(data.settings);
-  table[kRecords] = std::move(records);
-  cipher::SecretBytes payload;
-  Json::to_cbor(table, payload);
+  cipher::SecretBytes payload(writeTable(nullptr, data));
+  writeTable(payload.data(), data);
   return payload;
 }
 
 template <typename Data>
 Result<Data> decode(const cipher::SecretBytes& payload) {
-  const Json table = parse(payload);
-  if (!table.is_object() || table.size() != 2 || !table.contains(kSettings) || !table.contains(kRecords) ||
-      !table[kRecords].is_array()) {
-    return invalid("does not hold a table");
-  }
-  const Json& records = table[kRecords];
-  if (records.size() > static_cast<std::size_t>(Data::kCapacity)) {
-    return invalid(fmt::format("holds {} records, and a table takes {}", records.size(), Data::kCapacity));
-  }
   Data data;
-  if (const std::string fault = fromObject(data.settings, table[kSettings]); !fault.empty()) {
-    return invalid("settings: " + fault);
-  }
-  data.records.reserve(records.size());
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    data.records.push_back(emptyRecord<typename Data::Record>());
-    if (const std::string fault = fromObject(data.records.back(), records[i]); !fault.empty()) {
-      return invalid(fmt::format("record {}: {}", i, fault));
-    }
+  const auto reserve = [&data](std::size_t count) { data.records.reserve(count); };
+  const auto next = [&data]() -> auto& {
+    return data.records.emplace_back(emptyRecord<typename Data::Record>());
+  };
+  if (Status status = readTable<Data>(payload, data.settings, reserve, next); !status.ok()) {
+    return status.error();
   }
   return data;
+}
+
+template <typename Data>
+Status check(const cipher::SecretBytes& payload) {
+  typename Data::Settings settings;
+  std::vector<typename Data::Record, cipher::CleansingAllocator<typename Data::Record>> place(1);
+  const auto next = [&place]() -> auto& {
+    return place[0] = emptyRecord<typename Data::Record>();
+  };
+  return readTable<Data>(
+      payload, settings, [](std::size_t /*count*/) {}, next);
 }
 
 template cipher::SecretBytes encode(const PolicyData&);
@@ -301,5 +499,13 @@ template Result<PrivilegeData> decode(const cipher::SecretBytes&);
 template Result<QueryPrivData> decode(const cipher::SecretBytes&);
 template Result<TableInfoData> decode(const cipher::SecretBytes&);
 template Result<UserData> decode(const cipher::SecretBytes&);
+
+template Status check<PolicyData>(const cipher::SecretBytes&);
+template Status check<ColumnData>(const cipher::SecretBytes&);
+template Status check<AccessData>(const cipher::SecretBytes&);
+template Status check<PrivilegeData>(const cipher::SecretBytes&);
+template Status check<QueryPrivData>(const cipher::SecretBytes&);
+template Status check<TableInfoData>(const cipher::SecretBytes&);
+template Status check<UserData>(const cipher::SecretBytes&);
 
 }  // namespace engine::store

@@ -3,10 +3,10 @@
 // Tables as payloads of their files: CBOR (RFC 8949) with the settings that travel with the table and its records. The
 // same table always gives the same bytes.
 //
-//   {"settings": {name: number, ...}, "records": [{name: value, ...}, ...]}
+//   {"records": [{name: value, ...}, ...], "settings": {name: number, ...}}
 //
-// Texts are byte strings, since they need not be UTF-8. Reading is strict: every field must be there, of its type, in
-// its range, and nothing else.
+// Lengths are known ones in the fewest bytes, fields in the order of their names. Texts are byte strings, since they
+// need not be UTF-8. Reading is strict: every field must be there once, of its type, in its range, and nothing else.
 #pragma once
 
 #include <cstring>
@@ -72,6 +72,10 @@ cipher::SecretBytes encode(const Data& data);
 // text is the reason alone, to follow the file's name.
 template <typename Data>
 Result<Data> decode(const cipher::SecretBytes& payload);
+
+// Whether decode() would take a payload, with the error it would give, and no table in memory.
+template <typename Data>
+Status check(const cipher::SecretBytes& payload);
 
 // The fields of each record and of each table's settings, with their names in the file, their types and their ranges. A
 // visitor has

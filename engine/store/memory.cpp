@@ -295,10 +295,7 @@ class TableOf final : public Table {
     return encode(data);
   }
 
-  Status check(const cipher::SecretBytes& payload) const override {
-    const auto data = decode<Data>(payload);
-    return data.ok() ? Status() : Status(data.error());
-  }
+  Status check(const cipher::SecretBytes& payload) const override { return store::check<Data>(payload); }
 
   Result<std::unique_ptr<StagedTable>> stage(const cipher::SecretBytes& payload) const override {
     auto data = decode<Data>(payload);

@@ -245,28 +245,11 @@ TEST_F(KmsClientTest, LooksForActiveSymmetricKeysOfTheGroup) {
 TEST_F(KmsClientTest, RegistersAPolicyThatIsFetchedAgain) {
   Keys server;
   std::vector<std::uint32_t> operations;
-  std::string group;
   Peer& peer = play(Script{.reply = [&](const Wire& request) {
     const Asked asked = operationsOf(request)[0];
     operations.push_back(asked.operation);
     const Wire reply = server(request);
-    if (asked.operation == 0x03) {
-      Key key;
-      const Wire block = valueOf(valueOf(asked.payload, 0x42008f), 0x420040);
-      key.material = valueOf(valueOf(block, 0x420045), 0x420043);
-      key.length = static_cast<int>(number(valueOf(block, 0x42002a)));
-      key.state = 1;
-      for (const Wire& one : valuesOf(valueOf(asked.payload, 0x420091), 0x420008)) {
-        const Wire value = valueOf(one, 0x42000b);
-        if (valueOf(one, 0x42000a) == "Name") key.name = valueOf(value, 0x420055);
-        if (valueOf(one, 0x42000a) == "Object Group") group = value;
-        if (valueOf(one, 0x42000a) == "Application Specific Information") {
-          key.nameSpace = valueOf(value, 0x420003);
-          key.fields = valueOf(value, 0x420002);
-        }
-      }
-      server.keys.push_back(key);
-    }
+    if (asked.operation == 0x03) server.keys.push_back(registeredKey(asked));
     if (asked.operation == 0x12) server.keys.at(std::stoul(asked.identifier) - 1).state = 2;
     if (asked.operation == 0x13) server.keys.at(std::stoul(asked.identifier) - 1).state = 3;
     return reply;
@@ -288,7 +271,7 @@ TEST_F(KmsClientTest, RegistersAPolicyThatIsFetchedAgain) {
   ASSERT_EQ(0, Q7_GetPolicyInfoFromKMS()) << log();
   const Q7EncPolicyInfo& fetched = g_encPolicyArray[g_encPolicyArray_flag][0];
   EXPECT_EQ(0, std::memcmp(&policy, &fetched, sizeof policy));
-  EXPECT_EQ("orvanta", group);
+  EXPECT_EQ("orvanta", server.keys[0].group);
   EXPECT_EQ(256, server.keys[0].length);
   {
     auto client = engine::kms::Client::connect(settings());

@@ -145,7 +145,27 @@ struct Key {
   bool withName = true;
   bool withFields = true;
   bool withState = true;
+  std::string group = {};
 };
+
+// The key that a Register request has, not active yet.
+inline Key registeredKey(const Asked& asked) {
+  Key key;
+  const Wire block = valueOf(valueOf(asked.payload, 0x42008f), 0x420040);
+  key.material = valueOf(valueOf(block, 0x420045), 0x420043);
+  key.length = static_cast<int>(number(valueOf(block, 0x42002a)));
+  key.state = 1;
+  for (const Wire& one : valuesOf(valueOf(asked.payload, 0x420091), 0x420008)) {
+    const Wire value = valueOf(one, 0x42000b);
+    if (valueOf(one, 0x42000a) == "Name") key.name = valueOf(value, 0x420055);
+    if (valueOf(one, 0x42000a) == "Object Group") key.group = value;
+    if (valueOf(one, 0x42000a) == "Application Specific Information") {
+      key.nameSpace = valueOf(value, 0x420003);
+      key.fields = valueOf(value, 0x420002);
+    }
+  }
+  return key;
+}
 
 inline Wire attributesOf(const Asked& asked, const Key& key) {
   Wire all = text(0x420094, asked.identifier);

@@ -7,16 +7,11 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "unit/admin_program.h"
 #include "unit/store_fixture.h"
 
 namespace store_test {
 namespace {
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
 
 class AdminTest : public ::testing::Test {
  protected:
@@ -27,16 +22,7 @@ class AdminTest : public ::testing::Test {
 
   // Runs kezu-admin, which stands beside the tests. What it writes goes to the file at `output` where one is given.
   Outcome run(const std::string& arguments, const std::string& input = "", const fs::path& output = {}) const {
-    const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "kezu-admin";
-    const fs::path in = directory_.path() / "in";
-    const fs::path out = output.empty() ? directory_.path() / "out" : output;
-    const fs::path err = directory_.path() / "err";
-    writeText(in, input);
-    const std::string command =
-        program.string() + " " + arguments + " <" + in.string() + " >" + out.string() + " 2>" + err.string();
-    const int status = std::system(command.c_str());
-    const int exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return {exitStatus, output.empty() ? readText(out) : "", readText(err)};
+    return runAdmin(directory_.path(), arguments, input, output);
   }
 
   Outcome init(const std::string& input = "first value\n") const {
@@ -55,10 +41,6 @@ class AdminTest : public ::testing::Test {
 
   TemporaryDirectory directory_;
 };
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 TEST_F(AdminTest, InitMakesAHomeThatOpens) {
   const Outcome made = init();
@@ -309,7 +291,7 @@ TEST_F(AdminTest, RootKeepsTheOwnerOfTheFiles) {
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   const Outcome changed = on("passwd --password-file -", "new");
   ASSERT_EQ(0, changed.status) << changed.err;
-  for (const char* command : {"status", "verify", "dump"}) {
+  for (const char* command : {"status", "verify", "dump", "rekey"}) {
     EXPECT_EQ(0, on(command).status) << command;
   }
   unsetenv("ASAN_OPTIONS");
@@ -379,6 +361,15 @@ TEST_F(AdminTest, PushChecksTheNamesBeforeItConnects) {
   EXPECT_TRUE(has(unknown.err, "nothing was pushed: no policy of this home: 'P1', 'p2'; ")) << unknown.err;
   EXPECT_TRUE(has(unknown.err, "kezu-admin dump")) << unknown.err;
   EXPECT_EQ("", unknown.out);
+  addPolicy("a_b");
+  ASSERT_TRUE(store->save(TableId::policy).ok());
+  for (const char* command : {"kms push --all", "kms push p1 a_b"}) {
+    const Outcome unfetchable = on(command);
+    EXPECT_EQ(1, unfetchable.status);
+    EXPECT_EQ(
+        "kezu-admin: nothing was pushed: can't be used: 'a_b'; its name has other characters than letters and digits\n",
+        unfetchable.err);
+  }
   const Outcome away = on("kms push p1");
   EXPECT_EQ(1, away.status);
   EXPECT_FALSE(has(away.err, "nothing was pushed: ")) << away.err;

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the reader of payloads refuses. The payloads are made with the JSON library itself, not with the writer under
-// test.
+// The bytes of payloads, and what their reader refuses. The payloads that are read, and those that written ones are
+// compared with, are made with the JSON library, not with the writer under test.
 #include "engine/store/codec.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -23,10 +24,22 @@ cipher::SecretBytes payload(const Json& settings, const Json& records) {
   return {bytes.begin(), bytes.end()};
 }
 
+// A payload as it is, byte for byte.
+template <typename Data>
+std::string faultOf(const std::string& bytes) {
+  const cipher::SecretBytes payload(bytes.begin(), bytes.end());
+  const auto data = decode<Data>(payload);
+  const Status checked = check<Data>(payload);
+  EXPECT_EQ(data.ok(), checked.ok());
+  if (data.ok()) return "";
+  EXPECT_EQ(data.error().text, checked.error().text);
+  return data.error().text;
+}
+
 template <typename Data>
 std::string fault(const Json& settings, const Json& records) {
-  const auto data = decode<Data>(payload(settings, records));
-  return data.ok() ? "" : data.error().text;
+  const auto bytes = payload(settings, records);
+  return faultOf<Data>({bytes.begin(), bytes.end()});
 }
 
 Json column() {
@@ -56,6 +69,120 @@ TEST(StoreCodecTest, RefusesOtherShapes) {
   auto longer = payload(Json::object(), Json::array());
   longer.push_back(0);
   EXPECT_FALSE(decode<ColumnData>(longer).ok());
+}
+
+// Files of earlier releases hold these bytes, and their file-check strings are made of them.
+TEST(StoreCodecTest, WritesTheBytesOfTheFormat) {
+  PrivilegeData data;
+  data.settings.decryptDenyMode = 4;
+  Q7EncPriv record = {};
+  std::strcpy(record.user, "joe");
+  std::strcpy(record.owner, "db");
+  std::strcpy(record.table, "a table with 24 letters.");
+  record.enc_priv = 1;
+  record.dec_priv = static_cast<char>(0xfe);
+  data.records.push_back(record);
+  const std::string expected(
+      "\xa2\x67records\x81"
+      "\xa6\x66"
+      "column\x40\x67"
+      "decrypt\x18\xfe\x67"
+      "encrypt\x01\x65owner\x42"
+      "db\x65table\x58\x18"
+      "a table with 24 letters.\x64user\x43joe"
+      "\x68settings\xa1\x71"
+      "decrypt_deny_mode\x04");
+  const auto written = encode(data);
+  EXPECT_EQ(expected, std::string(written.begin(), written.end()));
+  EXPECT_EQ(faultOf<PrivilegeData>(expected), "");
+}
+
+TEST(StoreCodecTest, WritesWhatTheLibraryWrites) {
+  QueryPrivData data;
+  Json records = Json::array();
+  const int numbers[] = {0, 23, 24, 255, 256, 65535, 65536, kMaxInt, -1, -24, -25, -256, -257, -65536, -65537, kMinInt};
+  for (const std::size_t length : {0UL, 23UL, 24UL, 255UL, 256UL, 65535UL, 65536UL}) {
+    for (const int number : numbers) {
+      data.records.push_back({number % 2, -1, std::string(length, 'p'), std::string("\0\xff", 2), number, -1});
+      records.push_back({{"type", number % 2},
+                         {"parent_type", -1},
+                         {"pattern", text(data.records.back().queryPattern)},
+                         {"parent_pattern", text(data.records.back().parentQueryPattern)},
+                         {"decrypt", number},
+                         {"encrypt", -1}});
+    }
+  }
+  data.settings.doubleEncryptMode = -5;
+  EXPECT_TRUE(encode(data) == payload({{"double_encrypt_mode", -5}}, records));
+  for (const std::size_t count : {0UL, 1UL, 23UL, 24UL, 255UL, 256UL, 2000UL}) {
+    data.records.assign(count, Rule{});
+    const Json rule = {{"type", -1},   {"parent_type", -1}, {"pattern", text("")}, {"parent_pattern", text("")},
+                       {"decrypt", 0}, {"encrypt", 0}};
+    EXPECT_TRUE(encode(data) == payload({{"double_encrypt_mode", -5}}, Json::array_t(count, rule))) << count;
+  }
+}
+
+TEST(StoreCodecTest, ReadsBackWhatWasWritten) {
+  TableInfoData data;
+  for (const std::size_t length : {0UL, 1UL, sizeof Q7TableInfo::demigrationCmd - 1}) {
+    Q7TableInfo record = {};
+    std::memset(record.demigrationCmd, 'x', length);
+    record.migrationTime = static_cast<time_t>(253402300799 * static_cast<long>(length % 2));
+    data.records.push_back(record);
+  }
+  const auto read = decode<TableInfoData>(encode(data));
+  ASSERT_TRUE(read.ok());
+  EXPECT_TRUE(encode(read.value()) == encode(data));
+  ASSERT_EQ(read.value().records.size(), data.records.size());
+  for (std::size_t i = 0; i < data.records.size(); ++i) {
+    EXPECT_STREQ(read.value().records[i].demigrationCmd, data.records[i].demigrationCmd);
+    EXPECT_EQ(read.value().records[i].migrationTime, data.records[i].migrationTime);
+  }
+}
+
+// A length that its field can't have is written as what no reader takes.
+TEST(StoreCodecTest, AnImpossibleLengthIsNotWrittenAsAValue) {
+  for (const int length : {-1, int{sizeof Q7EncPolicyInfo::columnKey} + 1}) {
+    PolicyData data;
+    Q7EncPolicyInfo policy = {};
+    policy.keyLength = length;
+    data.records.push_back(policy);
+    const auto bytes = encode(data);
+    EXPECT_EQ(faultOf<PolicyData>({bytes.begin(), bytes.end()}), "record 0: 'key' is no text");
+  }
+}
+
+// Other ways to write the same table: unknown lengths, tags, tables inside a record, another order, a field twice, more
+// fields than any record has.
+TEST(StoreCodecTest, RefusesOtherWaysToWriteATable) {
+  const std::string head = "\xa2\x67records", settings = "\x68settings\xa0";
+  const std::string fields =
+      "\x66"
+      "column\x41"
+      "c\x65owner\x41o\x66policy\x41p\x65table\x41t";
+  EXPECT_EQ(faultOf<ColumnData>(head + "\x81\xa4" + fields + settings), "");
+  EXPECT_NE(faultOf<ColumnData>(head + "\x9f\xa4" + fields + "\xff" + settings), "");
+  EXPECT_NE(faultOf<ColumnData>(head + "\x81\xbf" + fields + "\xff" + settings), "");
+  EXPECT_NE(faultOf<ColumnData>("\xa2" + settings + "\x67records\x81\xa4" + fields), "");
+  EXPECT_NE(faultOf<ColumnData>(head + "\x80\x67records\x80"), "");
+  EXPECT_EQ(faultOf<ColumnData>(head + "\x81\xa5" + fields + "\x65owner\x41o" + settings),
+            "record 0: has fields that this release does not know");
+  EXPECT_EQ(faultOf<ColumnData>(head + "\x81\xb1" + std::string("\x61x\xf6").append(32, '\x60') + settings),
+            "record 0: has fields that this release does not know");
+  for (const std::string value :
+       {"\x5f\x41o\xff", "\xc0\x41o", "\xd8\x18\x41o", "\x81\x41o", "\xa1\x41o\x41o", "\x1c", "\x1f"}) {
+    EXPECT_EQ(faultOf<ColumnData>(head + "\x81\xa1\x65owner" + value + settings), "record 0: is damaged");
+  }
+}
+
+TEST(StoreCodecTest, RefusesEveryCutAndEveryAddition) {
+  const auto bytes = payload(Json::object(), Json::array({column()}));
+  const std::string whole(bytes.begin(), bytes.end());
+  ASSERT_EQ(faultOf<ColumnData>(whole), "");
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_NE(faultOf<ColumnData>(whole.substr(0, length)), "") << length;
+  }
+  EXPECT_NE(faultOf<ColumnData>(whole + '\0'), "");
 }
 
 // Payloads of a few bytes that promise more than there is, and one that nests as deep as its bytes go.

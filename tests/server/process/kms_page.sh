@@ -2,21 +2,24 @@
 # shellcheck shell=bash
 #
 # Runs the commands of docs/operations.md that set up a key management server, as they stand there, in folders of its own: what
-# needs root or a service manager is done by stand-ins. Then the statements of the page, with the results that it names.
+# needs root or a service manager is done by stand-ins. Then the statements of the page, with the results that it names, and the
+# commands for another database server and for a key that is to go.
 # shellcheck source=../kms.bash
 . "$(dirname "$0")/../kms.bash"
 
 page=$root/docs/operations.md
 server=$run/server home=$run/var/lib/kezu
-mkdir -p "$run/etc/systemd/system" "$run/var/lib" "$run/var/log"
+mkdir -p "$run/etc/systemd/system" "$run/var/lib" "$run/var/log" "$run/root"
 make_home "$home"
 
 # The chapter's commands, less their indentation: to the end of "Setting one up", and of the part after it.
 commands() {
-  sed -n "/^### $1\$/,/^### /p" "$page" | sed -nE "s/^ {$2}( *[^ ].*|)\$/\\1/p" |
-    sed -e "s,/etc/,$run/etc/,g" -e "s,/var/,$run/var/,g" -e "s/5696/$(cat "$kms/port")/"
+  sed -n "/^### $1\$/,/^##/p" "$page" | sed -nE "s/^ {$2}( *[^ ].*|)\$/\\1/p" |
+    sed -e "s,/etc/,$run/etc/,g" -e "s,/var/,$run/var/,g" -e "s,/root/,$run/root/,g" -e "s/5696/$(cat "$kms/port")/"
 }
 commands 'Setting one up' 7 >"$run/setup.sh"
+commands 'Setting one up' 4 | grep -v '^   ' >"$run/next.sh"
+commands 'When a fetch fails' 4 >"$run/revoke.sh"
 commands 'Putting policies there, and using them' 4 >"$run/push.sh"
 expect_equal 'commands for certificates' 3 "$(grep -c '^openssl req' "$run/setup.sh")"
 
@@ -72,3 +75,16 @@ while read -r line; do
   expect_value "$line" "$result" "$server" "${statement/@sid/\'$sid\'}"
 done <"$run/statements"
 expect_value 'policies' 2 "$server" "SELECT kezu_conf_get_policy('$sid')"
+
+# The next database server sees the same. A key that is revoked is gone: here the second in the place of the page's third.
+make_home "$run/second"
+cp "$home/kezu.toml" "$run/second/kezu.toml"
+# shellcheck source=/dev/null
+. "$run/next.sh" 2>"$run/next.log" || fail "the next database server: $(cat "$run/next.log")"
+mv "$run"/root/second/kms-* "$run/second"
+expect_equal 'list of the next' "$("$admin" kms list --home "$home")" "$("$admin" kms list --home "$run/second")"
+grep -qF 'CN=orvanta,O=second' <<<"$("$admin" kms check --home "$run/second")" || fail 'the certificate of the next'
+sed -i 's/ - 3 / - 2 /' "$run/revoke.sh"
+# shellcheck source=/dev/null
+. "$run/revoke.sh" || fail 'revoking'
+expect_equal 'what is left' $'name\nfirst' "$("$admin" kms list --home "$home" | cut -d' ' -f1)"
