@@ -254,8 +254,8 @@ struct Stored {
   }
 };
 
-// The slot that readers are in is rebuilt with another policy in the place of theirs, a thousand times as often as
-// saves allow: also between finding the name and taking the key.
+// The slot that readers are in is rebuilt with another policy in the place of theirs, far more often than saves
+// allow: also between finding the name and taking the key.
 TEST_F(UdfThreadsTest, ResultsAreOfTheNamedPolicyWhileItsPlaceIsAnothers) {
   store_test::writeText(file("policy"), policyFileWith(0));
   EXPECT_EQ(0, inChild([&] {
