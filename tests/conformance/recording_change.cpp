@@ -8,6 +8,7 @@
 
 #include "kezu/change.h"
 #include "recording_engine.h"
+#include "udf_call.h"
 
 namespace {
 
@@ -35,4 +36,8 @@ void Q7_EndChange() noexcept {
 
 bool conformance::holdsChange() {
   return held > 0;
+}
+
+void conformance::checkAfterCall() {
+  EXPECT_EQ(0, held) << "the function came back in the middle of a change";
 }

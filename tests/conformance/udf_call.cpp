@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "udf_call.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <ostream>
 #include <stdexcept>
-
-#include "recording_engine.h"
 
 namespace conformance {
 namespace {
@@ -145,7 +141,7 @@ IntegerResult call(IntegerFunction function, Arguments& arguments) {
   char error = 0;
   IntegerResult result;
   result.value = function(&init, arguments.get(), &is_null, &error);
-  EXPECT_FALSE(holdsChange()) << "the function came back in the middle of a change";
+  checkAfterCall();
   result.is_null = is_null != 0;
   result.error = error != 0;
   return result;
@@ -169,7 +165,7 @@ StringResult call(StringFunction function, Arguments& arguments) {
   char error = 0;
   StringResult result;
   result.pointer = function(&init, arguments.get(), result.buffer.get(), &result.length, &is_null, &error);
-  EXPECT_FALSE(holdsChange()) << "the function came back in the middle of a change";
+  checkAfterCall();
   result.is_null = is_null != 0;
   result.error = error != 0;
   return result;

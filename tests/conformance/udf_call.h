@@ -51,6 +51,10 @@ class Arguments {
   UDF_ARGS args_ = {};
 };
 
+// Runs behind every call: looks at what the function left behind. It belongs to the engine that a program has behind
+// the functions, and is defined there.
+void checkAfterCall();
+
 // What an integer function gave back.
 struct IntegerResult {
   long long value = 0;
