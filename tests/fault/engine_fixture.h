@@ -25,7 +25,9 @@ inline void startWithSession(const std::filesystem::path& home) {
   kezu::publish(g_userInfo[0].authTime, time(nullptr));
 }
 
+// The arguments of a call of that administrator, who goes on for longer than a session lasts by itself.
 inline SqlArguments inSession() {
+  kezu::publish(g_userInfo[0].authTime, time(nullptr));
   SqlArguments arguments;
   arguments.text(kSession);
   return arguments;
