@@ -13,7 +13,7 @@
 namespace engine::kms {
 namespace {
 
-// Values of enumerations, KMIP Specification 1.2, section 9.1.3.2.
+// Values of enumerations: OASIS KMIP 1.2, section 9.1.3.2.
 constexpr std::uint32_t kSymmetricKey = 2;       // Object Type
 constexpr std::uint32_t kActive = 2;             // State
 constexpr std::uint32_t kUninterpretedText = 1;  // Name Type

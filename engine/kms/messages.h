@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Requests and answers of KMIP 1.2 (KMIP Specification 1.2, sections 4, 6 and 7): those that policies need. What is
-// sent is built here, and what is received is interpreted here; nothing of it knows a connection.
+// Requests and answers of OASIS KMIP 1.2 (sections 4, 6 and 7): those that policies need. What is sent is built here,
+// and what is received is interpreted here; nothing of it knows a connection.
 //
 // The error's text is the reason alone, in words. It never holds a key, nor what the server says about an operation
 // that carries one.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The encoding of KMIP messages: tag (3 bytes), type (1), length (4, big-endian), value, and zeros up to a multiple of
-// 8 bytes (KMIP Specification 1.2, section 9.1).
+// 8 bytes (OASIS KMIP 1.2, section 9.1).
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The encoding of messages, against the examples of KMIP Specification 1.2, section 9.1.2, and answers of a real
-// server.
+// The encoding of messages, against the examples of OASIS KMIP 1.2, section 9.1.2, and answers of a real server.
 #include "engine/kms/ttlv.h"
 
 #include <gtest/gtest.h>
