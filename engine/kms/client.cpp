@@ -172,21 +172,13 @@ store::Result<Client> Client::connect(const store::KmsSettings& settings) {
   return client;
 }
 
-store::Result<std::vector<std::string>> Client::find(const std::optional<std::string>& name, int limit) {
-  const auto received = call(*connection_, kms::locate({objectGroup_, name, limit}));
+store::Result<std::vector<std::string>> Client::locate(int limit) {
+  const auto received = call(*connection_, kms::locate(objectGroup_, limit));
   if (!received.ok()) {
     return received.error();
   }
   auto identifiers = readIdentifiers(*received.value().answer.payloads[0], limit);
   return identifiers.ok() ? std::move(identifiers) : invalidAnswer(*connection_, identifiers.error());
-}
-
-store::Result<std::vector<std::string>> Client::locate(int limit) {
-  return find(std::nullopt, limit);
-}
-
-store::Result<std::vector<std::string>> Client::locateNamed(const std::string& name) {
-  return find(name, kMaxPolicies);
 }
 
 store::Result<Policies> Client::readPolicies(const std::vector<std::string>& identifiers, WithKeys keys) {

@@ -68,9 +68,6 @@ class Client {
   // them. Nothing is known yet of whether they are policies.
   store::Result<std::vector<std::string>> locate(int limit);
 
-  // The same, of those keys alone that have this Name.
-  store::Result<std::vector<std::string>> locateNamed(const std::string& name);
-
   // The policies of keys, in the order of `identifiers`, each of them valid: an active symmetric key with one Name, the
   // text of its fields, and a key in range. The first that is not makes the whole an error that names it. Names that
   // occur twice are not looked for. Requests are batched, in smaller batches where the server refuses large ones.
@@ -93,8 +90,6 @@ class Client {
 
  private:
   Client(std::unique_ptr<Connection> connection, std::string objectGroup);
-
-  store::Result<std::vector<std::string>> find(const std::optional<std::string>& name, int limit);
 
   std::unique_ptr<Connection> connection_;
   std::string objectGroup_;

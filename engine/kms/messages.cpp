@@ -349,15 +349,12 @@ Call discoverVersions() {
   return {Operation::discoverVersions, {}};
 }
 
-Call locate(const LocateFilter& filter) {
+Call locate(const std::string& objectGroup, int limit) {
   Writer out;
-  out.integer(Tag::maximumItems, filter.limit);
+  out.integer(Tag::maximumItems, limit);
   enumerationAttribute(out, kObjectType, kSymmetricKey);
   enumerationAttribute(out, kState, kActive);
-  if (filter.name) {
-    nameAttribute(out, *filter.name);
-  }
-  groupAttribute(out, filter.objectGroup);
+  groupAttribute(out, objectGroup);
   return {Operation::locate, out.take()};
 }
 

@@ -35,19 +35,12 @@ struct Call {
   cipher::SecretBytes payload;
 };
 
-// What a locate looks for: active symmetric keys.
-struct LocateFilter {
-  std::string objectGroup;          // empty for any
-  std::optional<std::string> name;  // nothing for any
-  int limit = 0;                    // identifiers that are given at most
-};
-
 // An attribute of a key whose policy is read is at most this long, and so is an identifier.
 inline constexpr std::size_t kMaxIdentifier = 255;  // bytes
 
 Call discoverVersions();
-Call locate(const LocateFilter& filter);
-Call getAttributes(const std::string& identifier);  // those that a policy is read from
+Call locate(const std::string& objectGroup, int limit);  // active symmetric keys; an empty group is any
+Call getAttributes(const std::string& identifier);       // those that a policy is read from
 Call getKey(const std::string& identifier);
 Call registerKey(const Q7EncPolicyInfo& policy, const std::string& objectGroup);
 Call activateKey(const std::string& identifier);

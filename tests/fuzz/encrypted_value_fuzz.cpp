@@ -26,23 +26,6 @@ bool oneWay(const Q7EncPolicyInfo& policy) {
   return policy.algID >= test::HMAC_SHA256 && policy.algID <= test::HMAC_HAS160;
 }
 
-// Whether somebody without the key can't make or change a value.
-bool authenticated(const Q7EncPolicyInfo& policy) {
-  if (policy.algID == test::CHACHA20) return policy.ivMode == test::DETERMINISTIC;
-  switch (policy.blockMode) {
-    case test::ECB:
-      return false;
-    case test::CBC:
-    case test::CFB:
-    case test::CFB8:
-    case test::OFB:
-    case test::CTR:
-      return policy.ivMode == test::DETERMINISTIC;
-    default:
-      return true;
-  }
-}
-
 bool leavesAsIs(const Q7EncPolicyInfo& policy, const Data& value) {
   const bool partial = policy.encPos != 0 || policy.encLen != 0;
   return partial && value.size() <= static_cast<std::size_t>(policy.encPos);
@@ -135,7 +118,7 @@ void checkClear(const Policy& policy, const Data& clear, std::size_t capacity, c
   if (leavesAsIs(policy.record, clear) || change.how == 0) return;
   (*value)[change.where % value->size()] ^= change.how;
   const auto changed = decrypt(policy, *value, kPlenty);
-  demand(!changed || !authenticated(policy.record), "a changed value is noticed");
+  demand(!changed || !test::isAuthenticated(policy.record), "a changed value is noticed");
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ void checkBounds(const Item& item, Bytes message, int depth) {
 const std::vector<std::vector<Call>>& requests() {
   static const std::vector<std::vector<Call>> all = {
       {discoverVersions()},
-      {locate({.objectGroup = "", .name = {}, .limit = 3})},
+      {locate("", 3)},
       {getAttributes("1")},
       {getKey("1")},
       {getAttributes("1"), getKey("1"), getAttributes("2"), getKey("2")},

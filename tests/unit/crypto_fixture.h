@@ -90,6 +90,22 @@ struct PolicyParameters {
   std::string name = "p1";
 };
 
+// Whether somebody without the key can neither make nor change a value: docs/ciphertext.md, "Authentication".
+inline bool isAuthenticated(const Q7EncPolicyInfo& policy) {
+  switch (policy.algID == CHACHA20 ? +CTR : policy.blockMode) {
+    case ECB:
+      return false;
+    case CBC:
+    case CFB:
+    case CFB8:
+    case OFB:
+    case CTR:
+      return policy.ivMode == DETERMINISTIC;
+    default:
+      return true;
+  }
+}
+
 // A policy and its key handle.
 class Policy {
  public:

@@ -177,23 +177,6 @@ void forEveryCipher(PolicyParameters parameters, Check check) {
   }
 }
 
-// Whether somebody without the key can neither make nor change a value: docs/ciphertext.md, "Authentication".
-bool isAuthenticated(const Policy& policy) {
-  const bool stream = policy.record.algID == test::CHACHA20;
-  switch (stream ? +test::CTR : policy.record.blockMode) {
-    case test::ECB:
-      return false;
-    case test::CBC:
-    case test::CFB:
-    case test::CFB8:
-    case test::OFB:
-    case test::CTR:
-      return policy.record.ivMode == test::DETERMINISTIC;
-    default:
-      return true;
-  }
-}
-
 bool isOneWay(const Policy& policy) {
   return policy.record.algID >= test::HMAC_SHA256 && policy.record.algID <= test::HMAC_HAS160;
 }
@@ -216,13 +199,13 @@ std::size_t shortestEncrypted(const Policy& policy) {
 
 TEST(CryptoTamper, NoKindWithAuthenticationTakesAChangedBit) {
   forEveryKind([](const Policy& policy) {
-    if (isAuthenticated(policy) && !isOneWay(policy)) checkEveryBit(policy, test::patternOf(9));
+    if (test::isAuthenticated(policy.record) && !isOneWay(policy)) checkEveryBit(policy, test::patternOf(9));
   });
 }
 
 TEST(CryptoTamper, NoKindWithAuthenticationTakesAnotherLength) {
   forEveryKind([](const Policy& policy) {
-    if (!isAuthenticated(policy)) return;
+    if (!test::isAuthenticated(policy.record)) return;
     const Data encrypted = *encrypt(policy, test::patternOf(9));
     for (std::size_t size = shortestEncrypted(policy); size < encrypted.size(); ++size) {
       EXPECT_FALSE(decrypt(policy, Data(encrypted.begin(), encrypted.begin() + static_cast<std::ptrdiff_t>(size))));
@@ -238,7 +221,7 @@ TEST(CryptoTamper, NoKindWithAuthenticationTakesAnotherLength) {
 // The beginning of one value with the end of another, cut at every place, and any one stretch out of the other.
 TEST(CryptoTamper, NoKindWithAuthenticationTakesPartsOfTwoValues) {
   forEveryKind([](const Policy& policy) {
-    if (!isAuthenticated(policy)) return;
+    if (!test::isAuthenticated(policy.record)) return;
     const Data one = *encrypt(policy, test::bytesOf("one value of 20 byte"));
     const Data other = *encrypt(policy, test::bytesOf("and this is another!"));
     ASSERT_EQ(one.size(), other.size());
@@ -258,7 +241,7 @@ TEST(CryptoTamper, NoKindWithAuthenticationTakesPartsOfTwoValues) {
 // Nothing tells a changed value there; but none gives more than it has bytes, and none is read past its end.
 TEST(CryptoTamper, KindsWithoutAuthenticationLiveWithAnything) {
   forEveryKind([](const Policy& policy) {
-    if (isAuthenticated(policy)) return;
+    if (test::isAuthenticated(policy.record)) return;
     const Data encrypted = *encrypt(policy, test::patternOf(9));
     for (std::size_t bit = 0; bit < 8 * encrypted.size(); ++bit) {
       Data changed = encrypted;

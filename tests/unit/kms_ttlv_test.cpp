@@ -212,13 +212,13 @@ TEST(KmsMessages, VersionsOfARealServer) {
 }
 
 TEST(KmsMessages, ListsOfARealServer) {
-  const Captured two("locate", {locate({"", {}, 2})});
+  const Captured two("locate", {locate("", 2)});
   auto identifiers = readIdentifiers(*two.answer.payloads.at(0), 2);
   ASSERT_TRUE(identifiers.ok());
   std::sort(identifiers.value().begin(), identifiers.value().end());
   EXPECT_EQ((std::vector<std::string>{"1", "2"}), identifiers.value());
   EXPECT_FALSE(readIdentifiers(*two.answer.payloads.at(0), 1).ok());
-  const Captured none("locate_none", {locate({"", {}, 2})});
+  const Captured none("locate_none", {locate("", 2)});
   EXPECT_TRUE(readIdentifiers(*none.answer.payloads.at(0), 0).value().empty());
 }
 

@@ -7,11 +7,8 @@
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home seconds=${KEZU_TEST_SECONDS:-10}
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$plugins"
-install_functions "$server"
+seconds=${KEZU_TEST_SECONDS:-10}
+start_with_functions
 sid=$(login "$server")
 value_of "$server" "CREATE DATABASE d" >/dev/null
 expect_equal 'policies' $'1\t1' "$(value_of "$server" "SELECT kezu_conf_set_policy('$sid', 'rnd', 2, 1, 0, 0, 5, 0, 'NULL'),
@@ -79,34 +76,15 @@ END//
 DELIMITER ;
 SQL
 
-jobs=()
 for who in 1 2 3 4 5 6 7 8; do
-  value_of "$server" "CALL d.work($who, $seconds)" >"$run/work-$who" 2>&1 &
-  jobs+=($!)
+  in_background "$server" "work-$who" "CALL d.work($who, $seconds)"
 done
-value_of "$server" "CALL d.administrate('$sid', $seconds)" >"$run/administrate" 2>&1 &
-jobs+=($!)
+in_background "$server" administrate "CALL d.administrate('$sid', $seconds)"
 for who in 1 2; do
-  value_of "$server" "CALL d.govern('$sid', $who, $seconds)" >"$run/govern-$who" 2>&1 &
-  jobs+=($!)
+  in_background "$server" "govern-$who" "CALL d.govern('$sid', $who, $seconds)"
 done
-for job in "${jobs[@]}"; do
-  wait "$job" || fail "a connection ended: $(cat "$run"/work-* "$run"/govern-* "$run/administrate")"
-done
-for who in 1 2 3 4 5 6 7 8; do
-  read -r rounds wrong <"$run/work-$who"
-  echo "connection $who: $rounds rounds, $wrong wrong"
-  [ "$rounds" -gt 0 ] || fail "connection $who did nothing"
-  expect_equal "wrong values of connection $who" 0 "$wrong"
-done
-read -r changes failed <"$run/administrate"
-echo "administrator: $changes changes, $failed failed"
-[ "$changes" -gt 0 ] || fail 'the administrator did nothing'
-expect_equal 'failed changes' 0 "$failed"
-for who in 1 2; do
-  read -r rounds wrong <"$run/govern-$who"
-  echo "governor $who: $rounds rounds, $wrong wrong"
-  [ "$rounds" -gt 0 ] || fail "governor $who did nothing"
-  expect_equal "wrong answers of governor $who" 0 "$wrong"
+wait_for_background
+for who in work-{1..8} administrate govern-{1,2}; do
+  expect_work "$who"
 done
 expect_equal 'rules left' 'NULL,"",NULL,"",0' "$(value_of "$server" "SELECT kezu_conf_get_querypriv('$sid', 0)")"

@@ -6,12 +6,8 @@
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home
-make_home "$home"
-private_server_create "$server"
 # Without the cache every connection is a thread of its own.
-private_server_start "$server" "$home" "$plugins" --thread-cache-size=0 --performance-schema=off
-install_functions "$server"
+start_with_functions --thread-cache-size=0 --performance-schema=off
 sid=$(login "$server")
 expect_equal 'policies' $'1\t1' "$(value_of "$server" "SELECT kezu_conf_set_policy('$sid', 'rnd', 2, 1, 0, 0, 5, 0, 'NULL'),
   kezu_conf_set_policy('$sid', 'det', 2, 0, 0, 0, 1, 2, 'NULL')")"

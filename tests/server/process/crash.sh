@@ -6,11 +6,7 @@
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$plugins"
-install_functions "$server"
+start_with_functions
 # The registration of the functions is the server's own data; keep the kill from taking it.
 private_server_stop "$server"
 private_server_start "$server" "$home" "$plugins"

@@ -17,6 +17,7 @@ done
 
 # The test's own functions take the tool, the libraries and the SQL from the package from here on.
 admin=$run/unpacked/usr/sbin/kezu-admin
+plugins=$run/unpacked/usr/lib/mysql/plugin
 root=$run/unpacked/usr/share
 mkdir "$root/sql"
 cp "$root/kezu/"*.sql "$root/sql/"
@@ -24,11 +25,7 @@ for file in README.md LICENSE docs/operations.md; do
   [ -s "$root/doc/kezu-agent/$file" ] || fail "the package has no $file"
 done
 
-server=$run/server home=$run/home
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$run/unpacked/usr/lib/mysql/plugin"
-install_functions "$server"
+start_with_functions
 sid=$(login "$server")
 expect_equal 'policy' 1 "$(value_of "$server" "SELECT kezu_conf_set_policy('$sid', 'p', 2, 1, 0, 0, 5, 0, 'NULL')")"
 expect_equal 'there and back' 'a value' \

@@ -7,12 +7,8 @@
 . "$(dirname "$0")/../common.bash"
 
 page=$root/docs/functions.md
-server=$run/server home=$run/home
 password='password value' # as the page says
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$plugins"
-install_functions "$server"
+start_with_functions
 
 # Every function has a section with an example: a statement that calls it, and below it what it gave.
 grep -oP '^CREATE FUNCTION \K\w+' "$root/sql/install.sql" | sort >"$run/registered"

@@ -6,11 +6,7 @@
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$plugins"
-install_functions "$server"
+start_with_functions
 sid=$(login "$server")
 expect_equal 'policy' 1 "$(value_of "$server" "SELECT kezu_conf_set_policy('$sid', 'p', 2, 1, 0, 0, 5, 0, 'NULL')")"
 expect_equal 'column' 1 "$(value_of "$server" "SELECT kezu_conf_set_column('$sid', 'd', 't', 'v', 'p')")"

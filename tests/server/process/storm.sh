@@ -6,11 +6,8 @@
 # shellcheck source=../common.bash
 . "$(dirname "$0")/../common.bash"
 
-server=$run/server home=$run/home seconds=${KEZU_TEST_SECONDS:-6}
-make_home "$home"
-private_server_create "$server"
-private_server_start "$server" "$home" "$plugins"
-install_functions "$server"
+seconds=${KEZU_TEST_SECONDS:-6}
+start_with_functions
 sid=$(login "$server")
 private_server_client "$server" <<'SQL'
 CREATE DATABASE d;
@@ -61,23 +58,11 @@ END//
 DELIMITER ;
 SQL
 
-jobs=()
 for who in 1 2 3 4 5 6 7 8; do
-  value_of "$server" "CALL d.work($who, $seconds)" >"$run/work-$who" 2>&1 &
-  jobs+=($!)
+  in_background "$server" "work-$who" "CALL d.work($who, $seconds)"
 done
-value_of "$server" "CALL d.administrate('$sid', $seconds)" >"$run/administrate" 2>&1 &
-jobs+=($!)
-for job in "${jobs[@]}"; do
-  wait "$job" || fail "a connection ended: $(cat "$run"/work-* "$run/administrate")"
+in_background "$server" administrate "CALL d.administrate('$sid', $seconds)"
+wait_for_background
+for who in work-{1..8} administrate; do
+  expect_work "$who"
 done
-for who in 1 2 3 4 5 6 7 8; do
-  read -r right empty wrong <"$run/work-$who"
-  echo "connection $who: $right right, $empty empty, $wrong wrong"
-  [ "$right" -gt 0 ] || fail "connection $who did nothing"
-  expect_equal "wrong results of connection $who" 0 "$wrong"
-done
-read -r changes failed <"$run/administrate"
-echo "administrator: $changes changes, $failed failed"
-[ "$changes" -gt 0 ] || fail 'the administrator did nothing'
-expect_equal 'failed changes' 0 "$failed"
