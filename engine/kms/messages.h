@@ -7,7 +7,6 @@
 // that carries one.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
