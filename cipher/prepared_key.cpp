@@ -14,6 +14,7 @@
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <utility>
 
 #include "cipher/big_endian.h"
 #include "cipher/library.h"
@@ -104,6 +105,20 @@ BlockChain* PreparedKey::blocks(bool encrypting) noexcept {
   return *kept ? &*kept : nullptr;
 }
 
+// What a value of a GCM suite goes through when it is short, otherwise null.
+ShortGcm* PreparedKey::shortGcm(Bytes iv, Bytes associated, Bytes text) noexcept {
+  if (suite_.blockCipher == nullptr || !ShortGcm::takes(iv, associated, text)) return nullptr;
+  if (!shortGcm_ || !*shortGcm_) {
+    Context made(EVP_CIPHER_CTX_new());
+    if (made == nullptr ||
+        EVP_EncryptInit_ex2(made.get(), suite_.blockCipher, material_.cipherKey, nullptr, nullptr) != 1) {
+      return nullptr;
+    }
+    shortGcm_.emplace(std::move(made));
+  }
+  return *shortGcm_ ? &*shortGcm_ : nullptr;
+}
+
 bool PreparedKey::restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept {
   if (context == nullptr || iv.size() != suite_.ivSize) return false;
   unsigned char counterAndNonce[kMaxIvSize] = {};
@@ -128,6 +143,9 @@ bool PreparedKey::encryptPlain(unsigned char* out, Bytes iv, Bytes text) noexcep
 
 bool PreparedKey::encryptTagged(unsigned char* out, unsigned char* tag, Bytes iv, Bytes associated,
                                 Bytes text) noexcept {
+  if (ShortGcm* gcm = shortGcm(iv, associated, text)) {
+    return gcm->encrypt(out, {tag, suite_.tagSize}, iv, associated, text);
+  }
   EVP_CIPHER_CTX* running = context(true);
   if (!restart(running, true, iv)) return false;
   if (suite_.form == Form::kCcm)
@@ -219,6 +237,7 @@ Opened PreparedKey::decryptPlain(std::span<unsigned char> out, Bytes iv, Bytes c
 }
 
 bool PreparedKey::decryptTagged(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
+  if (ShortGcm* gcm = shortGcm(iv, associated, cipherText)) return gcm->decrypt(out, iv, associated, cipherText, tag);
   EVP_CIPHER_CTX* running = context(false);
   if (!restart(running, false, iv) || !giveTag(running, tag)) return false;
   if (suite_.form == Form::kCcm) return throughCcm(running, out, associated, cipherText);

@@ -14,6 +14,7 @@
 #include "cipher/block_chain.h"
 #include "cipher/digest.h"
 #include "cipher/kdf.h"
+#include "cipher/short_gcm.h"
 #include "cipher/suite.h"
 
 namespace cipher {
@@ -63,6 +64,7 @@ class PreparedKey {
  private:
   EVP_CIPHER_CTX* context(bool encrypting) noexcept;
   BlockChain* blocks(bool encrypting) noexcept;
+  ShortGcm* shortGcm(Bytes iv, Bytes associated, Bytes text) noexcept;
   [[nodiscard]] Context makeContext(bool encrypting) const noexcept;
   bool restart(EVP_CIPHER_CTX* context, bool encrypting, Bytes iv) const noexcept;
   Context startSiv(bool encrypting, std::initializer_list<Bytes> components) noexcept;
@@ -81,6 +83,7 @@ class PreparedKey {
   Context decrypting_;
   std::optional<BlockChain> encryptingBlocks_;
   std::optional<BlockChain> decryptingBlocks_;
+  std::optional<ShortGcm> shortGcm_;
   std::optional<HmacOf<Sha256>> ivMac_;
   std::optional<HmacOf<Sha256>> tagMac_;
   std::unique_ptr<Hmac> digest_;

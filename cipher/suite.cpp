@@ -100,6 +100,8 @@ class SuiteTable {
     const unsigned char block = smallBlock ? 8 : 16;
     Offer& offer = entry(algorithm.algorithm, mode.mode);
     offer.suite.cipher = cipher;
+    if (mode.mode == BlockMode::kGcm)
+      offer.suite.blockCipher = entry(algorithm.algorithm, BlockMode::kEcb).suite.cipher;
     offer.suite.form = mode.form;
     offer.suite.keySize = static_cast<unsigned char>(EVP_CIPHER_get_key_length(cipher));
     offer.suite.padBlock = mode.pads ? block : 0;

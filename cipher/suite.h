@@ -69,7 +69,8 @@ enum class Form : unsigned char {
 
 // A combination of algorithm and block mode.
 struct Suite {
-  const EVP_CIPHER* cipher = nullptr;  // null for kOneWay
+  const EVP_CIPHER* cipher = nullptr;       // null for kOneWay
+  const EVP_CIPHER* blockCipher = nullptr;  // GCM: the cipher without a mode, block by block (ECB); otherwise null
   Form form = Form::kPlain;
   Digest digest = Digest::kSha256;  // of kOneWay
   unsigned char keySize = 0;        // bytes of the cipher's key

@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Short values in GCM mode take a path of their own: what comes out has to be the same as what OpenSSL's ciphers make,
+// up to the limit of that path and past it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cipher/prepared_key.h"
+#include "cipher/short_gcm.h"
+#include "tests/unit/crypto_fixture.h"
+#include "tests/unit/independent_cipher.h"
+
+namespace {
+
+using cipher::PreparedKey;
+using cipher::ShortGcm;
+using test::Data;
+using test::patternOf;
+using test::operator+;
+
+struct Algorithm {
+  const char* name;
+  int code;
+};
+void PrintTo(const Algorithm& algorithm, std::ostream* out) {
+  *out << algorithm.name;
+}
+
+cipher::KeyMaterial material() {
+  cipher::KeyMaterial made{};
+  const Data key = patternOf(cipher::kMaxKeySize);
+  std::copy(key.begin(), key.end(), made.cipherKey);
+  return made;
+}
+
+class ShortGcmTest : public testing::TestWithParam<Algorithm> {
+ protected:
+  // Encrypts and decrypts values of these sizes, and compares with OpenSSL.
+  void compare(std::size_t textSize, std::size_t associatedSize) {
+    SCOPED_TRACE(std::to_string(textSize) + " and " + std::to_string(associatedSize) + " bytes");
+    const Data text = patternOf(textSize);
+    const Data associated = patternOf(associatedSize);
+    const Data iv = nextVector();
+    const auto expected = test::independent::evpSeal(
+        std::string(GetParam().name) + "-GCM", Data(rawKey_.begin(), rawKey_.begin() + suite_.keySize), iv,
+        associated.empty() ? std::vector<Data>{} : std::vector<Data>{associated}, text, true);
+    Data out(textSize);
+    Data tag(16);
+    ASSERT_TRUE(key_.encrypt(out.data(), tag.data(), iv, associated, text));
+    ASSERT_EQ(test::toHex(out), test::toHex(expected.cipherText));
+    ASSERT_EQ(test::toHex(tag), test::toHex(expected.tag));
+    Data back(textSize);
+    const cipher::Opened opened = key_.decrypt(back, iv, associated, out, tag);
+    ASSERT_TRUE(opened.valid);
+    ASSERT_EQ(opened.size, textSize);
+    ASSERT_EQ(test::toHex(back), test::toHex(text));
+  }
+
+  Data nextVector() {
+    ++vector_[11];
+    return vector_;
+  }
+
+  const cipher::Suite& suite_ = *cipher::findSuite(GetParam().code, test::GCM);
+  const Data rawKey_ = patternOf(cipher::kMaxKeySize);
+  PreparedKey key_{suite_, material()};
+  Data vector_ = patternOf(12);
+};
+
+TEST_P(ShortGcmTest, TextsOfEverySizeAreAsOpenSslMakesThem) {
+  for (std::size_t size = 0; size <= ShortGcm::kMaxBytes + 33; ++size) ASSERT_NO_FATAL_FAILURE(compare(size, 0));
+}
+
+TEST_P(ShortGcmTest, SoAreTextsWithAssociatedData) {
+  for (const std::size_t associated : {std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{17},
+                                       ShortGcm::kMaxBytes - 1, ShortGcm::kMaxBytes, ShortGcm::kMaxBytes + 1}) {
+    for (const std::size_t text : {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{33}}) {
+      ASSERT_NO_FATAL_FAILURE(compare(text, associated));
+    }
+  }
+  for (std::size_t text = 0; text <= ShortGcm::kMaxBytes; ++text) {
+    ASSERT_NO_FATAL_FAILURE(compare(text, ShortGcm::kMaxBytes - text));
+  }
+}
+
+TEST_P(ShortGcmTest, NothingButTheValueItselfIsTaken) {
+  const Data text = patternOf(20);
+  const Data associated = patternOf(5);
+  const Data iv = nextVector();
+  Data sealed(20);
+  Data tag(16);
+  ASSERT_TRUE(key_.encrypt(sealed.data(), tag.data(), iv, associated, text));
+  const Data whole = iv + associated + sealed + tag;
+  for (std::size_t bit = 0; bit < 8 * whole.size(); ++bit) {
+    Data changed = whole;
+    changed[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
+    const cipher::Bytes all(changed);
+    Data back(20, 1);
+    EXPECT_FALSE(key_.decrypt(back, all.first(12), all.subspan(12, 5), all.subspan(17, 20), all.last(16)).valid) << bit;
+    EXPECT_EQ(back, Data(20)) << bit;
+  }
+  Data back(20);
+  EXPECT_TRUE(key_.decrypt(back, iv, associated, sealed, tag).valid);
+}
+
+INSTANTIATE_TEST_SUITE_P(Algorithms, ShortGcmTest,
+                         testing::Values(Algorithm{"AES-128", test::AES128}, Algorithm{"AES-192", test::AES192},
+                                         Algorithm{"AES-256", test::AES256}, Algorithm{"ARIA-128", test::ARIA128},
+                                         Algorithm{"ARIA-192", test::ARIA192}, Algorithm{"ARIA-256", test::ARIA256}),
+                         [](const auto& info) {
+                           std::string name = info.param.name;
+                           name.erase(name.find('-'), 1);
+                           return name;
+                         });
+
+// What decides between the two paths.
+TEST(ShortGcm, TakesValuesUpToItsLimit) {
+  const Data iv(12);
+  const auto takes = [&iv](std::size_t associated, std::size_t text) {
+    return ShortGcm::takes(iv, Data(associated), Data(text));
+  };
+  EXPECT_TRUE(takes(0, 0));
+  EXPECT_TRUE(takes(0, ShortGcm::kMaxBytes));
+  EXPECT_TRUE(takes(ShortGcm::kMaxBytes, 0));
+  EXPECT_TRUE(takes(1, ShortGcm::kMaxBytes - 1));
+  EXPECT_FALSE(takes(0, ShortGcm::kMaxBytes + 1));
+  EXPECT_FALSE(takes(1, ShortGcm::kMaxBytes));
+  EXPECT_FALSE(takes(ShortGcm::kMaxBytes + 1, 0));
+  EXPECT_FALSE(ShortGcm::takes(Data(11), {}, {}));
+  EXPECT_FALSE(ShortGcm::takes(Data(13), {}, {}));
+}
+
+// Past the limit nothing is done, not even when it is asked for.
+TEST(ShortGcm, RefusesWhatItDoesNotTake) {
+  const Data raw = patternOf(32);
+  cipher::Context context(EVP_CIPHER_CTX_new());
+  ASSERT_EQ(EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, raw.data(), nullptr), 1);
+  ShortGcm gcm(std::move(context));
+  ASSERT_TRUE(static_cast<bool>(gcm));
+  const Data text(ShortGcm::kMaxBytes + 1);
+  Data out(text.size());
+  Data tag(16);
+  EXPECT_FALSE(gcm.encrypt(out.data(), tag, Data(12), {}, text));
+  EXPECT_FALSE(gcm.encrypt(out.data(), tag, Data(13), {}, Data(1)));
+  EXPECT_FALSE(gcm.decrypt(out.data(), Data(12), {}, text, tag));
+  EXPECT_EQ(out, Data(text.size()));
+  EXPECT_TRUE(gcm.encrypt(out.data(), tag, Data(12), {}, Data(1)));
+  EXPECT_TRUE(gcm.decrypt(out.data(), Data(12), {}, Data{out[0]}, tag));
+}
+
+TEST(ShortGcm, IsNotThereWithoutACipher) {
+  EXPECT_FALSE(static_cast<bool>(ShortGcm{cipher::Context()}));
+}
+
+}  // namespace
