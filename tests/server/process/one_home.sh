@@ -18,26 +18,41 @@ for server in "${servers[@]}"; do
   private_server_client "$server" <<'SQL'
 CREATE DATABASE d;
 USE d;
-CREATE TABLE reported (kind VARCHAR(10), name VARCHAR(20), result INT) ENGINE = Memory;
+CREATE TABLE reported (kind VARCHAR(10), name VARCHAR(20), is_there INT, PRIMARY KEY (kind, name)) ENGINE = Memory;
+CREATE TABLE refused (kind VARCHAR(10) PRIMARY KEY, times INT) ENGINE = Memory;
 DELIMITER //
--- One change of each table in turn, each under a name of its own, and what was reported.
+-- What a change that makes (1) or deletes (3) something was reported to have come to.
+CREATE PROCEDURE note(kind VARCHAR(10), name VARCHAR(20), wanted INT, result INT)
+  IF result = wanted THEN
+    REPLACE INTO reported VALUES (kind, name, wanted = 1);
+  ELSE
+    INSERT INTO refused VALUES (kind, 1) ON DUPLICATE KEY UPDATE times = times + 1;
+  END IF//
+-- One change of each table in turn, each under a name of its own. What was made a while before is deleted, so the tables
+-- don't become full.
 CREATE PROCEDURE work(sid VARCHAR(64), tag CHAR(1), seconds INT)
 BEGIN
-  DECLARE i, result INT DEFAULT 0;
-  DECLARE name VARCHAR(20);
+  DECLARE i INT DEFAULT 0;
+  DECLARE made, old VARCHAR(20);
   DECLARE until_when DATETIME(6) DEFAULT SYSDATE(6) + INTERVAL seconds SECOND;
   WHILE SYSDATE(6) < until_when DO
-    SET i = i + 1, name = CONCAT(tag, i);
-    SET result = kezu_conf_set_policy(sid, name, 2, 1, 0, 0, 5, 0, 'NULL');
-    INSERT INTO reported VALUES ('policy', name, result);
-    SET result = kezu_conf_set_column(sid, 'o', 't', name, 'p');
-    INSERT INTO reported VALUES ('column', name, result);
-    SET result = kezu_conf_set_encpriv(sid, name, 'o', 't', 'c', 1, 1);
-    INSERT INTO reported VALUES ('encpriv', name, result);
-    SET result = kezu_conf_set_accepriv(sid, '10.0.0.1', name, 'o', 't', 'c', 1);
-    INSERT INTO reported VALUES ('accepriv', name, result);
-    SET result = kezu_conf_set_tableinfo('o', name, 'command');
-    INSERT INTO reported VALUES ('tableinfo', name, result);
+    SET i = i + 1, made = CONCAT(tag, i);
+    CALL note('policy', made, 1, kezu_conf_set_policy(sid, made, 2, 1, 0, 0, 5, 0, 'NULL'));
+    CALL note('column', made, 1, kezu_conf_set_column(sid, 'o', 't', made, 'p'));
+    CALL note('encpriv', made, 1, kezu_conf_set_encpriv(sid, made, 'o', 't', 'c', 1, 1));
+    CALL note('accepriv', made, 1, kezu_conf_set_accepriv(sid, '10.0.0.1', made, 'o', 't', 'c', 1));
+    CALL note('tableinfo', made, 1, kezu_conf_set_tableinfo('o', made, 'command'));
+    IF i > 100 THEN
+      SET old = CONCAT(tag, i - 100);
+      CALL note('policy', old, 3, kezu_conf_set_policy(sid, old));
+      -- That one also says 3 when another process changed the file meanwhile: it may be there or not.
+      IF kezu_conf_set_column(sid, 'o', 't', old) = 3 THEN
+        DELETE FROM reported WHERE kind = 'column' AND name = old;
+      END IF;
+      CALL note('encpriv', old, 3, kezu_conf_set_encpriv(sid, old, 'o', 't', 'c'));
+      CALL note('accepriv', old, 3, kezu_conf_set_accepriv(sid, '10.0.0.1', old, 'o', 't', 'c'));
+      CALL note('tableinfo', old, 3, kezu_conf_set_tableinfo('o', old));
+    END IF;
   END WHILE;
 END//
 -- Every call of the dynamic statement reloads.
@@ -82,25 +97,26 @@ sid[$reader]=$(login "$reader")
 for server in "${servers[@]}"; do
   name=$(basename "$server")
   private_server_client "$server" --skip-column-names --batch -e \
-    'SELECT kind, name FROM d.reported WHERE result = 1' >"$run/saved-$name"
-  value_of "$server" 'SELECT kind, COUNT(*), SUM(result <=> 1) FROM d.reported GROUP BY kind' |
-    sed "s/^/server $name: /; s/\t/, /; s/\t/ changes, saved /"
+    'SELECT kind, name, is_there FROM d.reported' >"$run/saved-$name"
+  value_of "$server" 'SELECT kind, SUM(is_there), SUM(NOT is_there), times FROM d.reported NATURAL LEFT JOIN d.refused
+                      GROUP BY kind' |
+    sed "s/^/server $name: /; s/\t/: made and kept /; s/\t/, deleted /; s/\t/, refused /"
   for kind in policy column encpriv accepriv tableinfo; do
-    [ "$(grep -c "^$kind" "$run/saved-$name")" -gt 0 ] || fail "server $name saved no change of $kind"
+    grep -q "^$kind.*1$" "$run/saved-$name" || fail "server $name saved no change of $kind"
   done
   s=${sid[$reader]}
-  while read -r kind name; do
+  while read -r kind name is_there; do
     case $kind in
-      policy) value="LENGTH(data_process_po_ed('$name', 0, '')) > 0" ;;
+      policy) value="data_process_po_ed('$name', 0, '') <> ''" ;;
       column) value="kezu_conf_get_column('$s', 'o', 't', '$name') <=> 'p'" ;;
       encpriv) value="kezu_conf_get_encpriv('$s', '$name', 'o', 't', 'c', 0) <=> '1'" ;;
       accepriv) value="kezu_conf_get_accepriv('$s', '10.0.0.1', '$name', 'o', 't', 'c') <=> '1'" ;;
       tableinfo) value="kezu_conf_get_tableinfo('o', '$name') <=> 'command'" ;;
     esac
-    echo "SELECT IF($value, 'there', '$kind $name');"
+    echo "SELECT IF(IFNULL($value, 0) = $is_there, 'right', '$kind $name $is_there');"
   done <"$run/saved-$name" >"$run/questions"
   private_server_client "$reader" --skip-column-names --batch <"$run/questions" >"$run/answers"
   expect_equal 'answers' "$(wc -l <"$run/questions")" "$(wc -l <"$run/answers")"
-  expect_equal "lost changes of server $(basename "$server")" '' "$(grep -v '^there$' "$run/answers" || true)"
+  expect_equal "lost changes of server $(basename "$server")" '' "$(grep -v '^right$' "$run/answers" || true)"
 done
 echo "kezu-admin: $passwords passwords, the last one is in force"
