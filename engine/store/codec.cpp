@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -46,6 +47,12 @@ struct Value {
 struct Field {
   std::string_view name;
   Value value;
+};
+
+// How the fields of a type of records stand in a file. Sorting them anew for every record would be a third of a save.
+struct FieldOrder {
+  std::array<std::uint8_t, kMaxFields> byName = {};    // numbers of the fields, in the order of their names
+  std::array<std::uint8_t, kMaxFields> position = {};  // of each field in that order
 };
 
 // Takes a payload's items one after the other, and only counts their bytes as long as it has no place for them.
@@ -107,7 +114,7 @@ class Output {
   std::size_t size_ = 0;
 };
 
-// Visitor that collects the fields of a record, to write them as a map in the order of their names.
+// Visitor that collects the fields of a record, to write them as a map.
 class Writer {
  public:
   template <std::size_t N>
@@ -137,14 +144,24 @@ class Writer {
     bytes(name, field, length);
   }
 
-  void write(Output& out) {
-    const auto end = fields_.begin() + static_cast<std::ptrdiff_t>(count_);
-    std::sort(fields_.begin(), end, [](const Field& a, const Field& b) { return a.name < b.name; });
+  void write(Output& out, const FieldOrder& order) const {
     out.head(Type::map, count_);
-    std::for_each(fields_.begin(), end, [&out](const Field& field) {
+    for (std::size_t i = 0; i < count_; ++i) {
+      const Field& field = fields_[order.byName[i]];
       out.text(field.name);
       out.value(field.value);
-    });
+    }
+  }
+
+  FieldOrder order() const {
+    FieldOrder order;
+    const auto end = order.byName.begin() + static_cast<std::ptrdiff_t>(count_);
+    std::iota(order.byName.begin(), end, std::uint8_t{0});
+    std::sort(order.byName.begin(), end, [this](auto a, auto b) { return fields_[a].name < fields_[b].name; });
+    for (std::size_t i = 0; i < count_; ++i) {
+      order.position[order.byName[i]] = static_cast<std::uint8_t>(i);
+    }
+    return order;
   }
 
  private:
@@ -156,6 +173,17 @@ class Writer {
   std::array<Field, kMaxFields> fields_;
   std::size_t count_ = 0;
 };
+
+template <typename Record>
+const FieldOrder& fieldOrder() {
+  static const FieldOrder order = [] {
+    Record record = {};
+    Writer writer;
+    fields(writer, record);
+    return writer.order();
+  }();
+  return order;
+}
 
 // Walks over a payload's items. Strings and arrays that only claim to be there are refused: nothing is read past the
 // end, and no count is larger than the bytes that are left.
@@ -254,7 +282,7 @@ class Items {
 // Visitor that fills a record, zero before, from a map. The first field that can't be accepted is remembered.
 class Reader {
  public:
-  explicit Reader(Items& items) {
+  Reader(Items& items, const FieldOrder& order) : order_(order) {
     const auto count = items.open(Type::map);
     if (!count) {
       fault_ = "is no object";
@@ -324,6 +352,12 @@ class Reader {
     if (!fault_.empty()) {
       return nullptr;
     }
+    // Fields are asked for in the order of the record. As this release writes them, each stands in its place.
+    const std::size_t place = order_.position[found_];
+    if (place < count_ && fields_[place].name == name) {
+      ++found_;
+      return &fields_[place].value;
+    }
     const auto end = fields_.begin() + static_cast<std::ptrdiff_t>(count_);
     const auto field = std::find_if(fields_.begin(), end, [name](const Field& one) { return one.name == name; });
     if (field == end) {
@@ -366,6 +400,7 @@ class Reader {
     }
   }
 
+  const FieldOrder& order_;
   std::array<Field, kMaxFields> fields_;
   std::size_t count_ = 0;
   std::size_t found_ = 0;
@@ -386,7 +421,7 @@ template <typename Record>
 void write(Output& out, const Record& record) {
   Writer writer;
   fields(writer, const_cast<Record&>(record));  // the writer only reads
-  writer.write(out);
+  writer.write(out, fieldOrder<Record>());
 }
 
 template <typename Data>
@@ -406,7 +441,7 @@ std::size_t writeTable(unsigned char* place, const Data& data) {
 // Fills `record`, and returns why it can't be.
 template <typename Record>
 std::string read(Items& items, Record& record) {
-  Reader reader(items);
+  Reader reader(items, fieldOrder<Record>());
   fields(reader, record);
   std::string fault = reader.fault();
   return fault.empty() ? recordFault(record) : fault;
