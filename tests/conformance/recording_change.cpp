@@ -3,6 +3,7 @@
 // The guard of changes as the engine implements it. RecordingEngine::enter looks at who holds it.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <mutex>
 #include <utility>
 
@@ -16,11 +17,18 @@ constinit std::mutex changes;
 constinit thread_local int held = 0;         // how often by this thread
 constinit thread_local bool locked = false;  // not where it may have waited for ever: the test fails instead
 
+// Written only while one thread calls.
+std::function<void(int number)> comesFirst;
+int begun = 0;
+
 }  // namespace
 
 void Q7_BeginChange() noexcept {
   EXPECT_FALSE(conformance::holdsRuleTable()) << "a thread that holds the rule table may wait for ever";
   if (held == 0 && !conformance::holdsRuleTable()) {
+    if (comesFirst) {
+      comesFirst(++begun);
+    }
     changes.lock();
     locked = true;
   }
@@ -32,6 +40,11 @@ void Q7_EndChange() noexcept {
   if (held > 0 && --held == 0 && std::exchange(locked, false)) {
     changes.unlock();
   }
+}
+
+void conformance::beforeChanges(std::function<void(int number)> first) {
+  comesFirst = std::move(first);
+  begun = 0;
 }
 
 bool conformance::holdsChange() {

@@ -148,6 +148,10 @@ class RecordingEngine {
 bool holdsRuleTable();
 bool holdsChange();
 
+// From now on `first` runs whenever the thread of the test is about to begin a change, as another connection does whose
+// change comes before: with 1 for the next change, 2 for the one behind it. An empty function ends that.
+void beforeChanges(std::function<void(int number)> first);
+
 // A byte string as the journal writes it: in quotes, bytes that are not printable ASCII as \xNN.
 std::string quoted(std::string_view bytes);
 
