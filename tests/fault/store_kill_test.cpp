@@ -135,6 +135,7 @@ TEST_F(StoreKillTest, NoChangeThatWasReportedAsSavedIsLost) {
     }
     children.push_back(child);
   }
+  close(pipes[1]);
   int total = 0;
   for (const pid_t child : children) {
     int status = 0;
@@ -146,6 +147,7 @@ TEST_F(StoreKillTest, NoChangeThatWasReportedAsSavedIsLost) {
     ASSERT_EQ(static_cast<ssize_t>(sizeof saved), read(pipes[0], &saved, sizeof saved));
     total += saved;
   }
+  close(pipes[0]);
   EXPECT_EQ(kProcesses * kEach, total);
   loadStore(home());
   std::set<std::string> names;

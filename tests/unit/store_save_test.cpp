@@ -345,6 +345,25 @@ TEST_F(StoreSaveTest, AVersionOfTheSameSizeAndTimeIsToldApart) {
   }
 }
 
+// As after the machine's clock was put back. With a time before the old version's, a version of the same size that
+// happens to get the inode of one before could not be told from that.
+TEST_F(StoreSaveTest, AVersionIsLaterThanTheOneThatItReplaces) {
+  const auto modified = [this] {
+    return engine::store::identityOf(engine::store::statFile(engine::store::machineFiles(), file("column")).value())
+        .modified;
+  };
+  fs::last_write_time(file("column"), fs::file_time_type::clock::now() + std::chrono::hours(1));
+  auto store = loadStore(home());
+  for (int i = 0; i < 3; ++i) {
+    const std::int64_t before = modified();
+    addColumn("c" + std::to_string(i));
+    ASSERT_TRUE(store->save(TableId::column).ok());
+    EXPECT_EQ(before + 1, modified());
+    ASSERT_TRUE(store->reloadChanged().ok());
+    EXPECT_EQ(i + 1, g_numberOfEncColumn);
+  }
+}
+
 TEST_F(StoreSaveTest, AMissingFileIsNotMadeAnew) {
   auto store = loadStore(home());
   fs::remove(file("column"));
