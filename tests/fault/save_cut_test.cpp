@@ -215,17 +215,19 @@ class SaveCutTest : public store_test::StoreTest, public ::testing::WithParamInt
     SCOPED_TRACE(std::string(cut.name) + " at call " + std::to_string(at));
     const cipher::SecretBytes before = stored();
     table().change(number);
+    const cipher::SecretBytes changed = inMemory();
     files.cutAt(at, cut);
     const int code = table().save();
     files.stop();
+    EXPECT_TRUE(inMemory() == changed) << "the change stays in memory, saved or not";
     if (!files.reached()) {
       EXPECT_EQ(0, code);
       return false;
     }
     SCOPED_TRACE(files.call());
-    expectOldOrNew(before, inMemory());
+    expectOldOrNew(before, changed);
     if (code == 0) {
-      EXPECT_TRUE(inMemory() == stored()) << "what was reported as saved is in the file";
+      EXPECT_TRUE(changed == stored()) << "what was reported as saved is in the file";
       succeeded_.insert(files.call());
     } else {
       EXPECT_EQ(table().failure, code);
@@ -233,7 +235,7 @@ class SaveCutTest : public store_test::StoreTest, public ::testing::WithParamInt
     }
     // The next save, without a fault, writes the change and leaves nothing behind.
     EXPECT_EQ(0, table().save());
-    EXPECT_TRUE(inMemory() == stored());
+    EXPECT_TRUE(changed == stored());
     EXPECT_EQ("", temporaryFiles());
     return true;
   }

@@ -42,8 +42,9 @@ BEGIN
     CALL note('encpriv', made, 1, kezu_conf_set_encpriv(sid, made, 'o', 't', 'c', 1, 1));
     CALL note('accepriv', made, 1, kezu_conf_set_accepriv(sid, '10.0.0.1', made, 'o', 't', 'c', 1));
     CALL note('tableinfo', made, 1, kezu_conf_set_tableinfo('o', made, 'command'));
-    IF i > 100 THEN
-      SET old = CONCAT(tag, i - 100);
+    CALL note('querypriv', made, 1, kezu_conf_set_querypriv(sid, 'SELECT', made, 'NULL', 'NULL', 1));
+    IF i > 20 THEN
+      SET old = CONCAT(tag, i - 20);
       CALL note('policy', old, 3, kezu_conf_set_policy(sid, old));
       -- That one also says 3 when another process changed the file meanwhile: it may be there or not.
       IF kezu_conf_set_column(sid, 'o', 't', old) = 3 THEN
@@ -52,6 +53,7 @@ BEGIN
       CALL note('encpriv', old, 3, kezu_conf_set_encpriv(sid, old, 'o', 't', 'c'));
       CALL note('accepriv', old, 3, kezu_conf_set_accepriv(sid, '10.0.0.1', old, 'o', 't', 'c'));
       CALL note('tableinfo', old, 3, kezu_conf_set_tableinfo('o', old));
+      CALL note('querypriv', old, 3, kezu_conf_set_querypriv(sid, 'SELECT', old, 'NULL', 'NULL'));
     END IF;
   END WHILE;
 END//
@@ -94,6 +96,23 @@ private_server_create "$reader"
 private_server_start "$reader" "$home" "$plugins"
 install_functions "$reader"
 sid[$reader]=$(login "$reader")
+private_server_client "$reader" <<'SQL'
+CREATE DATABASE d;
+USE d;
+CREATE TABLE rules (pattern VARCHAR(20));
+DELIMITER //
+CREATE PROCEDURE collect(sid VARCHAR(64))
+BEGIN
+  DECLARE i INT DEFAULT 0;
+  DECLARE found VARCHAR(20) DEFAULT kezu_conf_get_querypriv(sid, 0, 1);
+  WHILE found IS NOT NULL DO
+    INSERT INTO rules VALUES (found);
+    SET i = i + 1, found = kezu_conf_get_querypriv(sid, i, 1);
+  END WHILE;
+END//
+DELIMITER ;
+SQL
+value_of "$reader" "CALL d.collect('${sid[$reader]}')"
 for server in "${servers[@]}"; do
   name=$(basename "$server")
   private_server_client "$server" --skip-column-names --batch -e \
@@ -101,7 +120,7 @@ for server in "${servers[@]}"; do
   value_of "$server" 'SELECT kind, SUM(is_there), SUM(NOT is_there), times FROM d.reported NATURAL LEFT JOIN d.refused
                       GROUP BY kind' |
     sed "s/^/server $name: /; s/\t/: made and kept /; s/\t/, deleted /; s/\t/, refused /"
-  for kind in policy column encpriv accepriv tableinfo; do
+  for kind in policy column encpriv accepriv tableinfo querypriv; do
     grep -q "^$kind.*1$" "$run/saved-$name" || fail "server $name saved no change of $kind"
   done
   s=${sid[$reader]}
@@ -112,6 +131,7 @@ for server in "${servers[@]}"; do
       encpriv) value="kezu_conf_get_encpriv('$s', '$name', 'o', 't', 'c', 0) <=> '1'" ;;
       accepriv) value="kezu_conf_get_accepriv('$s', '10.0.0.1', '$name', 'o', 't', 'c') <=> '1'" ;;
       tableinfo) value="kezu_conf_get_tableinfo('o', '$name') <=> 'command'" ;;
+      querypriv) value="'$name' IN (SELECT pattern FROM d.rules)" ;;
     esac
     echo "SELECT IF(IFNULL($value, 0) = $is_there, 'right', '$kind $name $is_there');"
   done <"$run/saved-$name" >"$run/questions"
