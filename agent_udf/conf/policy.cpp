@@ -69,10 +69,8 @@ Staged stageNextSlot(int left_out) {
   return next;
 }
 
-// The count goes before the flag, so that whoever sees the new flag sees the new count.
-void publishSlot(const Staged& staged) {
-  kezu::publish(g_numberOfEncPolicy[staged.slot], staged.count);
-  kezu::publish(g_encPolicyArray_flag, staged.slot);
+void publishStaged(const Staged& staged) {
+  kezu::publishSlot(g_numberOfEncPolicy, g_encPolicyArray_flag, staged.slot, staged.count);
 }
 
 // Saves the policy table. The result is `success` unless the save fails; the table in memory stays as it is in either
@@ -147,7 +145,7 @@ long long createPolicy(const frame::Args& args, const std::string& name) {
   }
   ++next.count;
   logCreated(record, flag);
-  publishSlot(next);
+  publishStaged(next);
   return save(kCreated);
 }
 
@@ -163,7 +161,7 @@ long long deletePolicy(const std::string& name, int found) {
   }
   const Staged next = stageNextSlot(found);
   writeAuditEvent(kLogChange, {{"group", "policy"}, {"policy", name}, {"desc", "DELETE POLICY"}});
-  publishSlot(next);
+  publishStaged(next);
   return save(kDeleted);
 }
 

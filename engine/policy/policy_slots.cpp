@@ -97,8 +97,7 @@ void PreparedPolicies::publish() noexcept {
     // A change under way on another thread may have put a key of its own there since the slot was emptied.
     destroyKey(std::atomic_ref(g_makeKeyArray[next][i]).exchange(keys_[i], std::memory_order_acq_rel));
   }
-  kezu::publish(g_numberOfEncPolicy[next], static_cast<int>(policies_.size()));
-  kezu::publish(g_encPolicyArray_flag, next);
+  kezu::publishSlot(g_numberOfEncPolicy, g_encPolicyArray_flag, next, static_cast<int>(policies_.size()));
   keys_.clear();
   forgetDiscardedPolicies();
 }

@@ -26,6 +26,14 @@ void publish(T& shared, T value) noexcept {
   std::atomic_ref<T>(shared).store(value, std::memory_order_release);
 }
 
+// Makes a slot of the policy table, which holds `count` policies, the active one. The count goes before the flag, so
+// that whoever sees the new flag sees the new count.
+template <std::size_t Slots>
+void publishSlot(int (&counts)[Slots], int& flag, int slot, int count) noexcept {
+  publish(counts[slot], count);
+  publish(flag, slot);
+}
+
 namespace detail {
 
 template <std::size_t Alignment>

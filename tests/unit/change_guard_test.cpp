@@ -89,4 +89,31 @@ TEST_F(ChangeGuardTest, ReloadWaitsForTheEndOfTheChange) {
             }));
 }
 
+TEST_F(ChangeGuardTest, SaveWaitsForTheEndOfTheChange) {
+  EXPECT_EQ(0, inChild([&] {
+              setenv("KEZU_HOME", home().c_str(), 1);
+              EXPECT_EQ(0, kezuInitialize(1, nullptr, nullptr));
+              const std::string before = readText(file("column"));
+              std::atomic<bool> saving = false;
+              std::thread other;
+              {
+                const kezu::ConfigurationChange change;
+                other = std::thread([&saving] {
+                  saving = true;
+                  EXPECT_EQ(0, Q7_SaveColumnInfo());
+                });
+                while (!saving) {
+                  std::this_thread::yield();
+                }
+                for (int i = 0; i < 2000; ++i) {
+                  EXPECT_EQ(before, readText(file("column")));
+                  std::this_thread::yield();
+                }
+              }
+              other.join();
+              EXPECT_NE(before, readText(file("column")));
+              return 0;
+            }));
+}
+
 }  // namespace
