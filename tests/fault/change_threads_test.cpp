@@ -233,6 +233,7 @@ TEST_F(ChangeThreadsTest, EveryChangeOfSeveralAdministratorsStays) {
               for (const Administrator& administrator : administrators) {
                 administrator.checkValues();
               }
+              EXPECT_EQ(0, leaksFound());
               return 0;
             }));
 }

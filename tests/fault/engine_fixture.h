@@ -11,6 +11,10 @@
 #include "kezu/shared.h"
 #include "unit/store_fixture.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace fault {
 
 inline constexpr std::string_view kSession = "00112233445566778899aabbccddeeff0123456789abcdef0123456789abcdef";
@@ -49,6 +53,16 @@ inline void addPolicyWithKey(const std::string& name, int ivMode, int blockMode,
   ASSERT_NE(0, Q7_AddPolicyInfo(slot[count], &g_makeKeyArray[g_encPolicyArray_flag][count], name.c_str(), kAes256,
                                 ivMode, key, sizeof key, 0, 0, blockMode, 0, ""));
   ++count;
+}
+
+// Whether the address sanitizer finds memory that nothing refers to any more. It does not look by itself at the end of
+// a process that a test has made.
+inline int leaksFound() {
+#if defined(__SANITIZE_ADDRESS__)
+  return __lsan_do_recoverable_leak_check();
+#else
+  return 0;
+#endif
 }
 
 }  // namespace fault

@@ -225,6 +225,7 @@ TEST_F(UdfThreadsTest, ResultsAreRightOrEmptyWhileEverythingChanges) {
               // With nothing changing any more, nothing is empty any more.
               EXPECT_EQ(expected.deterministic, processed("det", 0, kValue));
               EXPECT_EQ(expected.hmac[0], hmacOf("SHA1"));
+              EXPECT_EQ(0, leaksFound());
               return 0;
             }));
 }
@@ -285,6 +286,7 @@ TEST_F(UdfThreadsTest, ResultsAreOfTheNamedPolicyWhileItsPlaceIsAnothers) {
                 connection.join();
               }
               EXPECT_EQ(0, counts.wrong) << "right " << counts.right << ", empty " << counts.empty;
+              EXPECT_EQ(0, leaksFound());
               return 0;
             }));
 }
