@@ -25,7 +25,7 @@ class PrivilegeRows {
 
   constexpr PrivilegeRows(RecordTable<Record, Capacity> table, Key key, std::array<char Record::*, Flags> flags,
                           Names names, Save save, const char* name)
-      : table_(table), key_(key), flags_(flags), names_(names), save_(save), name_(name) {}
+      : table_(table), key_(std::move(key)), flags_(flags), names_(names), save_(save), name_(name) {}
 
   int count() const noexcept { return table_.count(); }
 
