@@ -3,7 +3,9 @@
 // The two privilege tables in SQL. They differ in their keys and flags, and in how a row is looked up.
 #pragma once
 
+#include <array>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conf/audit_event.h"
