@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <sstream>
@@ -35,15 +36,20 @@ std::string derived(const std::string& columnKey, std::string_view label, std::s
   return key;
 }
 
-// Round keys 2 to 4 of an AES key (the first two are the key itself), in the standard's byte order and in that of
-// little-endian words.
-std::vector<Secret> roundKeys(const std::string& key) {
-  std::vector<Secret> found;
+AES_KEY scheduleOf(const std::string& key) {
   AES_KEY schedule;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   EXPECT_EQ(0, AES_set_encrypt_key(reinterpret_cast<const unsigned char*>(key.data()), 256, &schedule));
 #pragma GCC diagnostic pop
+  return schedule;
+}
+
+// Round keys 2 to 4 of an AES key (the first two are the key itself), in the standard's byte order and in that of
+// little-endian words.
+std::vector<Secret> roundKeys(const std::string& key) {
+  std::vector<Secret> found;
+  const AES_KEY schedule = scheduleOf(key);
   const auto* words = reinterpret_cast<const std::uint32_t*>(schedule.rd_key);
   for (const int round : {2, 3, 14}) {
     std::string asStored(reinterpret_cast<const char*>(words + 4 * round), 16);
@@ -58,6 +64,21 @@ std::vector<Secret> roundKeys(const std::string& key) {
   return found;
 }
 
+// The key of GCM's hash, with which tags can be forged: a block of zeros, encrypted; in the standard's byte order and
+// in that of two little-endian words.
+std::vector<Secret> hashKeys(const std::string& key) {
+  const AES_KEY schedule = scheduleOf(key);
+  unsigned char block[16] = {};
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  AES_encrypt(block, block, &schedule);
+#pragma GCC diagnostic pop
+  const std::string standard(reinterpret_cast<const char*>(block), sizeof block);
+  std::string swapped(standard.rbegin(), standard.rend());
+  std::rotate(swapped.begin(), swapped.begin() + 8, swapped.end());
+  return {{"hash key", standard}, {"hash key in words", swapped}};
+}
+
 // All that a column key becomes. The labels are those of docs/ciphertext.md.
 std::vector<Secret> secretsOf(const std::string& columnKey) {
   std::vector<Secret> secrets = {{"column key", columnKey},
@@ -65,8 +86,8 @@ std::vector<Secret> secretsOf(const std::string& columnKey) {
                                  {"iv key", derived(columnKey, "orvanta iv key", 32)},
                                  {"hmac key", derived(columnKey, "orvanta hmac key", 32)},
                                  {"tag key", derived(columnKey, "orvanta tag key", 32)}};
-  for (Secret& roundKey : roundKeys(secrets[1].bytes)) {
-    secrets.push_back(std::move(roundKey));
+  for (const auto& made : {roundKeys(secrets[1].bytes), hashKeys(secrets[1].bytes)}) {
+    secrets.insert(secrets.end(), made.begin(), made.end());
   }
   return secrets;
 }
@@ -228,13 +249,16 @@ std::string listed(const std::vector<std::string>& places) {
 }
 
 // That the search finds a policy's keys while they are in use: each of them, and what a cipher made of one.
-void expectFound(const std::vector<std::string>& places) {
+void expectFound(const std::vector<std::string>& places, int blockMode) {
   for (const char* name : {"column key at", "cipher key at", "iv key at", "hmac key at", "tag key at"}) {
     EXPECT_NE(std::string::npos, listed(places).find(name)) << name << " is not among\n" << listed(places);
   }
   // Without AES instructions OpenSSL keeps round keys in a form of its own.
   if (Check_CPU_support_AES() != 0) {
     EXPECT_NE(std::string::npos, listed(places).find("round key 2 ")) << listed(places);
+  }
+  if (blockMode == kGcm) {
+    EXPECT_NE(std::string::npos, listed(places).find("hash key ")) << listed(places);
   }
 }
 
@@ -266,7 +290,7 @@ TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   expectGoneInTheEnd(server, secrets);
 }
 
@@ -285,7 +309,7 @@ TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   expectGoneInTheEnd(server, secrets);
 }
 
@@ -298,7 +322,7 @@ TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   EXPECT_EQ(0, store_test::inChild([&] {
               auto store = store_test::loadStore(home());
               g_numberOfEncPolicy[g_encPolicyArray_flag] = 0;
