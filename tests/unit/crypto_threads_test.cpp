@@ -139,6 +139,48 @@ TEST_F(Threads, KeyedDigestsAreRightOrNone) {
   EXPECT_GT(encrypted_, 0);
 }
 
+// Whether something was written there. The writer does not know that it is watched.
+__attribute__((no_sanitize_thread)) bool isWritten(const volatile unsigned char* at) {
+  return *at != 0;
+}
+
+// Runs an operation on a long value, and wipes the key as soon as there is output. How many of some tries came to no
+// result: all in which the wiping was done before the operation.
+int resultsWithdrawn(test::Operation operation, const Policy& policy, const Data& value) {
+  int withdrawn = 0;
+  for (int tries = 0; tries < 30 && withdrawn == 0; ++tries) {
+    Q7EncPolicyInfo record = policy.record;
+    BCipherKey key = BCIPHER_DupKey(policy.handle);
+    Data out(value.size() + 100);
+    auto size = static_cast<unsigned int>(out.size());
+    std::atomic<bool> done{false};
+    std::thread wiper([&] {
+      while (!isWritten(out.data()) && !done) {
+      }
+      BCIPHER_WipeKey(key);
+    });
+    const int code = operation(out.data(), &size, value.data(), static_cast<unsigned int>(value.size()), &record, key);
+    done = true;
+    wiper.join();
+    BCIPHER_DelKey(key);
+    if (code == 0) continue;
+    ++withdrawn;
+    EXPECT_EQ(size, 0U);
+    EXPECT_EQ(out, Data(out.size()));
+  }
+  return withdrawn;
+}
+
+// With the slowest cipher, so that the value takes some hundredths of a second.
+TEST(ThreadsAndOneValue, IsWithdrawnWhenTheKeyGoesMeanwhile) {
+  const Policy policy({.algorithm = test::TDES168});
+  const Data value(std::size_t{1} << 20, 'x');
+  const test::Result encrypted = test::run(Q7_EncryptBinaryExt, value, policy.record, policy.handle, 2U << 20);
+  ASSERT_EQ(encrypted.code, 0);
+  EXPECT_EQ(resultsWithdrawn(Q7_EncryptBinaryExt, policy, value), 1);
+  EXPECT_EQ(resultsWithdrawn(Q7_DecryptBinaryExt, policy, encrypted.bytes), 1);
+}
+
 // A policy that encrypts a part of a value is never taken for one that encrypts all of it, also not while another
 // thread puts the one in the other's place.
 TEST_F(Threads, SizesAreThoseOfOnePolicy) {

@@ -115,6 +115,20 @@ TEST_P(ShortGcmTest, NothingButTheValueItselfIsTaken) {
   }
 }
 
+// OpenSSL would take the first bytes of a tag for it, and none at all.
+TEST_P(ShortGcmTest, TagsHaveTheirWholeLength) {
+  for (const std::size_t size : {std::size_t{20}, ShortGcm::kMaxBytes + 1}) {
+    const Data iv = nextVector();
+    Data sealed(size);
+    Data tag(17);
+    ASSERT_TRUE(key_.encrypt(sealed.data(), tag.data(), iv, {}, patternOf(size)));
+    Data back(size);
+    for (std::size_t length = 0; length <= tag.size(); ++length) {
+      EXPECT_EQ(key_.decrypt(back, iv, {}, sealed, cipher::Bytes(tag).first(length)).valid, length == 16) << length;
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Algorithms, ShortGcmTest,
                          testing::Values(Algorithm{"AES-128", test::AES128}, Algorithm{"AES-192", test::AES192},
                                          Algorithm{"AES-256", test::AES256}, Algorithm{"ARIA-128", test::ARIA128},
