@@ -217,15 +217,40 @@ class Server {
   bool ended_ = false;
 };
 
+// Runs a statement with so much stack above it that what the thread does afterwards does not reach its frames.
+[[gnu::noinline]] void runBelow(const std::function<void()>& statement) {
+  volatile char room[16384];
+  room[0] = 0;
+  statement();
+  EXPECT_EQ(0, room[0]);
+}
+
+// Runs a statement on a connection of its own, whose thread stands still then until the process ends: nothing comes
+// over what the statement left on the stack.
+void onItsOwnConnection(const std::function<void()>& statement) {
+  std::binary_semaphore done(0);
+  std::thread([&] {
+    runBelow(statement);
+    done.release();
+    while (true) {
+      pause();
+    }
+  }).detach();
+  done.acquire();
+}
+
 // Uses the policy in every way there is, so that every key of it was prepared.
 void use(std::string_view policy) {
-  SqlArguments encrypt;
-  encrypt.text(policy).number(0).text(kValue);
-  const std::string encrypted = row(data_process_po_ed, encrypt).value_or("");
-  ASSERT_FALSE(encrypted.empty());
-  EXPECT_EQ(kValue, row(data_process_po_ed, SqlArguments().text(policy).number(1).text(encrypted)));
+  std::string encrypted;
+  onItsOwnConnection([&] {
+    encrypted = row(data_process_po_ed, SqlArguments().text(policy).number(0).text(kValue)).value_or("");
+    EXPECT_FALSE(encrypted.empty());
+  });
+  onItsOwnConnection(
+      [&] { EXPECT_EQ(kValue, row(data_process_po_ed, SqlArguments().text(policy).number(1).text(encrypted))); });
   for (const char* algorithm : {"SHA1", "SHA256", "SHA512", "HAS160"}) {
-    EXPECT_NE("", row(hmac_b64_data, SqlArguments().text(kValue).text(policy).text(algorithm)));
+    onItsOwnConnection(
+        [&] { EXPECT_NE("", row(hmac_b64_data, SqlArguments().text(kValue).text(policy).text(algorithm))); });
   }
 }
 
@@ -233,35 +258,12 @@ constexpr int kCbc = 1;
 constexpr int kGcm = 5;
 constexpr int kCbcHmac = 8;
 
-// The thread of a connection that does one thing and then stands still to its end, so that nothing comes over what it
-// left on its stack.
-class Connection {
- public:
-  explicit Connection(const std::function<void()>& statements)
-      : thread_([this, &statements] {
-          statements();
-          done_.release();
-          ended_.acquire();
-        }) {
-    done_.acquire();
-  }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-  ~Connection() {
-    ended_.release();
-    thread_.join();
-  }
-
- private:
-  std::binary_semaphore done_{0};
-  std::binary_semaphore ended_{0};
-  std::thread thread_;
-};
-
 // The policy "gone" in each of these modes, one after the other: made, used, and told to the test.
 void makeAndUse(int blockMode) {
-  SqlArguments create = createPolicy("gone", 2, blockMode == kCbc ? 0 : 1, blockMode);
-  EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+  onItsOwnConnection([blockMode] {
+    SqlArguments create = createPolicy("gone", 2, blockMode == kCbc ? 0 : 1, blockMode);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+  });
   use("gone");
 }
 
@@ -307,9 +309,9 @@ void expectGoneInTheEnd(Server& server, const std::vector<Secret>& secrets) {
 TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
   Server server([&](Server& self) {
     startWithSession(home());
-    const Connection connection([] { makeAndUse(GetParam()); });
+    makeAndUse(GetParam());
     self.stepDone(lastPolicy().columnKey, kDrawnKey);
-    EXPECT_EQ(3, row(kezu_conf_set_policy, inSession().text("gone")));
+    onItsOwnConnection([] { EXPECT_EQ(3, row(kezu_conf_set_policy, inSession().text("gone"))); });
     // Each change moves to the next slot: after these, every slot was written anew.
     SqlArguments other = createPolicy("other", 2, 1, kGcm);
     EXPECT_EQ(1, row(kezu_conf_set_policy, other));
@@ -329,11 +331,11 @@ TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
 TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
   Server server([&](Server& self) {
     startWithSession(home());
-    const Connection connection([] { makeAndUse(GetParam()); });
+    makeAndUse(GetParam());
     self.stepDone(lastPolicy().columnKey, kDrawnKey);
     // Copies in other slots, also in one that was filled and never published.
     SqlArguments other = createPolicy("other", 2, 1, kGcm);
-    EXPECT_EQ(1, row(kezu_conf_set_policy, other));
+    onItsOwnConnection([&other] { EXPECT_EQ(1, row(kezu_conf_set_policy, other)); });
     use("gone");
     SqlArguments refused = createPolicy("refused", 16, 1, kGcm);
     EXPECT_EQ(0, row(kezu_conf_set_policy, refused));
@@ -348,7 +350,7 @@ TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
 TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
   Server server([&](Server& self) {
     startWithSession(home());
-    const Connection connection([] { makeAndUse(GetParam()); });
+    makeAndUse(GetParam());
     self.stepDone(lastPolicy().columnKey, kDrawnKey);
     EXPECT_EQ(0, Q7_ReloadAllInfoIfChanged());
     EXPECT_EQ(0, g_numberOfEncPolicy[g_encPolicyArray_flag]);
@@ -361,6 +363,47 @@ TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
               g_numberOfEncPolicy[g_encPolicyArray_flag] = 0;
               return store->save(store_test::TableId::policy).ok() ? 0 : 1;
             }));
+  expectGoneInTheEnd(server, secrets);
+}
+
+// Each operation on a connection of its own, with little behind it that would come over its stack.
+TEST_P(MemoryImageTest, NoOperationLeavesAKeyOnTheStack) {
+  Server server([&](Server& self) {
+    startWithSession(home());
+    Q7EncPolicyInfo policy = {};
+    BCipherKey key = nullptr;
+    BCipherKey copy = nullptr;
+    int done = 0;
+    onItsOwnConnection([&] {
+      done = Q7_AddPolicyInfo(policy, &key, "gone", 2, GetParam() == kCbc ? 0 : 1, nullptr, 0xFFFFFFFF, 0, 0,
+                              GetParam(), 0, "");
+    });
+    EXPECT_NE(0, done);
+    onItsOwnConnection([&] { copy = BCIPHER_DupKey(key); });
+    const auto* text = reinterpret_cast<const unsigned char*>(kValue.data());
+    constexpr unsigned int kSize = kValue.size();
+    unsigned char value[100];
+    unsigned int size = sizeof value;
+    onItsOwnConnection([&] { done = Q7_EncryptBinaryExt(value, &size, text, kSize, &policy, key); });
+    EXPECT_EQ(0, done);
+    unsigned char clear[100];
+    unsigned int clearSize = sizeof clear;
+    onItsOwnConnection([&] { done = Q7_DecryptBinaryExt(clear, &clearSize, value, size, &policy, copy); });
+    EXPECT_EQ(0, done);
+    unsigned char digest[64];
+    unsigned int digestSize = sizeof digest;
+    onItsOwnConnection([&] { done = kezuHmacBinary(digest, &digestSize, text, kSize, kHashSha256, &policy); });
+    EXPECT_EQ(0, done);
+    self.stepDone(policy.columnKey, kDrawnKey);
+    for (const BCipherKey handle : {key, copy}) {
+      BCIPHER_WipeKey(handle);
+      BCIPHER_DelKey(handle);
+    }
+    kezu::clearRecord(policy);
+    self.stepDone();
+  });
+  const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
+  EXPECT_NE("", listed(found(server.process(), secrets)));
   expectGoneInTheEnd(server, secrets);
 }
 
