@@ -409,6 +409,38 @@ TEST_P(MemoryImageTest, NoOperationLeavesAKeyOnTheStack) {
 
 INSTANTIATE_TEST_SUITE_P(BlockModes, MemoryImageTest, ::testing::Values(kCbc, kGcm, kCbcHmac));
 
+class ClearTextTest : public store_test::StoreTest {};
+
+// One that is not printable is put through decryption again and again. Neither its number of layers nor the empty
+// result of the last round is the text, so nothing of it is left.
+TEST_F(ClearTextTest, IsGoneAfterPeelingThatCameToNothing) {
+  constexpr std::size_t kSize = 3000;
+  Server server([&](Server& self) {
+    startWithSession(home());
+    SqlArguments create = createPolicy("p", 2, 1, kGcm);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+    std::array<unsigned char, kSize> clear;
+    EXPECT_TRUE(cipher::randomBytes(clear));
+    clear[0] = 0x80;
+    const std::string_view text(reinterpret_cast<const char*>(clear.data()), kSize);
+    const auto encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(text)).value_or("");
+    self.stepDone(clear.data(), kSize);
+    OPENSSL_cleanse(clear.data(), kSize);
+    std::optional<long long> layers;
+    onItsOwnConnection([&] { layers = row(data_process_ed_check_int, SqlArguments().text("p").text(encrypted)); });
+    EXPECT_EQ(-1, layers);
+    std::optional<std::string> result;
+    onItsOwnConnection([&] { result = row(data_process_ed_check_str, SqlArguments().text("p").text(encrypted)); });
+    EXPECT_EQ("", result);
+    self.stepDone();
+  });
+  const std::string clear = server.awaitStep(kSize);
+  const std::vector<Secret> secrets = {
+      {"beginning", clear.substr(0, 16)}, {"middle", clear.substr(1500, 16)}, {"end", clear.substr(kSize - 16)}};
+  EXPECT_NE("", listed(found(server.process(), secrets)));
+  expectGoneInTheEnd(server, secrets);
+}
+
 class CoreDumpTest : public store_test::StoreTest {};
 
 // Whether the page that `address` lies on has the flag.
