@@ -441,6 +441,40 @@ TEST_F(ClearTextTest, IsGoneAfterPeelingThatCameToNothing) {
   expectGoneInTheEnd(server, secrets);
 }
 
+class EncryptedTextTest : public store_test::StoreTest, public ::testing::WithParamInterface<std::tuple<int, int>> {};
+
+// Of a text short enough to be put together with its padding first, and of one that is not.
+TEST_P(EncryptedTextTest, IsNowhereElse) {
+  const auto [ivMode, blockMode] = GetParam();
+  for (const std::size_t size : {std::size_t{100}, std::size_t{1000}}) {
+    Server server([&, ivMode = ivMode, blockMode = blockMode](Server& self) {
+      startWithSession(home());
+      addPolicyWithKey("p", ivMode, blockMode, 'k');
+      std::array<unsigned char, 1000> clear;
+      EXPECT_TRUE(cipher::randomBytes(clear));
+      const std::string_view text(reinterpret_cast<const char*>(clear.data()), size);
+      std::optional<std::string> encrypted;
+      // The first calls have the dynamic linker look for functions, which saves the processor's registers on the stack.
+      encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(std::string(size, 'x')));
+      onItsOwnConnection([&] { encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(text)); });
+      EXPECT_LT(size, encrypted.value_or("").size());
+      self.stepDone(clear.data(), clear.size());
+      OPENSSL_cleanse(clear.data(), clear.size());
+      self.stepDone();
+    });
+    const std::string clear = server.awaitStep(1000);
+    std::vector<Secret> secrets;
+    for (std::size_t at = 0; at + 16 <= size; at += 4) {
+      secrets.push_back({"text from byte " + std::to_string(at), clear.substr(at, 16)});
+    }
+    EXPECT_NE("", listed(found(server.process(), {secrets.front()})));
+    expectGoneInTheEnd(server, secrets);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, EncryptedTextTest,
+                         ::testing::Combine(::testing::Values(0, 1), ::testing::Values(kCbc, kGcm, kCbcHmac)));
+
 class CoreDumpTest : public store_test::StoreTest {};
 
 // Whether the page that `address` lies on has the flag.
