@@ -44,11 +44,11 @@ function save(name) {
 }
 
 function rate(name, where) { where = "few|" name "|" table["few|" name]; return values[where] / median(where) }
-function pair(name, one, two) {
+function pair(name, most, one, two) {
   one = rate("one connection: " name)
   two = rate("two connections: " name)
   printf "| `%s` | %.0f | %.0f | %.2f%s |\n", name, one, two, two / one, \
-    (two / one < 1.8 && name !~ /^AES/) ? ", missed" : ""
+    (two / one < most) ? ", missed" : ""
 }
 
 function bytes(name, ours, theirs) {
@@ -80,10 +80,13 @@ END {
   policies("hmac_b64_data")
 
   printf "\n| Rows a second, scan included | one connection | two | Ratio, at least 1.80 |\n|---|---:|---:|---:|\n"
-  pair("encrypt CBC RANDOM")
-  pair("decrypt CBC RANDOM")
-  pair("hmac_b64_data")
+  pair("encrypt CBC RANDOM", 1.8)
+  pair("decrypt CBC RANDOM", 1.8)
+  pair("hmac_b64_data", 1.8)
+  pair("encrypt CBC RANDOM, two servers")
   pair("AES_ENCRYPT")
+  pair("AES_ENCRYPT, two servers")
+  pair("scan")
 
   printf "\n| Values of 4000 bytes, AES256 CBC | MB/s | `openssl speed` | Ratio, at least 0.80 |\n|---|---:|---:|---:|\n"
   bytes("encrypt 4000 bytes")

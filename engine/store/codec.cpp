@@ -55,12 +55,19 @@ struct FieldOrder {
   std::array<std::uint8_t, kMaxFields> position = {};  // of each field in that order
 };
 
-// Takes a payload's items one after the other, and only counts their bytes as long as it has no place for them.
+// Takes a payload's items one after the other.
 class Output {
  public:
-  explicit Output(unsigned char* place) : place_(place) {}
-
   std::size_t size() const { return size_; }
+
+  // Makes room for so many bytes more. What is not known to be coming gets room when it comes.
+  void expect(std::size_t more) { bytes_.resize(std::max(bytes_.size(), size_ + more)); }
+
+  // The payload.
+  cipher::SecretBytes take() {
+    bytes_.resize(size_);
+    return std::move(bytes_);
+  }
 
   // The head of an item: its type, and its value or length in the fewest bytes that hold it.
   void head(Type type, std::uint64_t argument) {
@@ -97,20 +104,17 @@ class Output {
  private:
   static constexpr std::uint64_t kNull = 0xF6;
 
-  void byte(std::uint64_t value) {
-    if (place_ != nullptr) {
-      place_[size_] = static_cast<unsigned char>(value);
+  // The place of the next `size` bytes.
+  unsigned char* next(std::size_t size) {
+    if (bytes_.size() - size_ < size) {
+      bytes_.resize(2 * (size_ + size));
     }
-    ++size_;
+    return bytes_.data() + std::exchange(size_, size_ + size);
   }
-  void bytes(std::span<const unsigned char> bytes) {
-    if (place_ != nullptr) {
-      std::copy(bytes.begin(), bytes.end(), place_ + size_);
-    }
-    size_ += bytes.size();
-  }
+  void byte(std::uint64_t value) { *next(1) = static_cast<unsigned char>(value); }
+  void bytes(std::span<const unsigned char> bytes) { std::copy(bytes.begin(), bytes.end(), next(bytes.size())); }
 
-  unsigned char* place_;
+  cipher::SecretBytes bytes_;
   std::size_t size_ = 0;
 };
 
@@ -118,21 +122,21 @@ class Output {
 class Writer {
  public:
   template <std::size_t N>
-  void text(const char* name, const char (&field)[N]) {
+  void text(std::string_view name, const char (&field)[N]) {
     byteString(name, field, strnlen(field, N));
   }
   template <std::size_t N>
-  void password(const char* name, const char (&field)[N]) {
+  void password(std::string_view name, const char (&field)[N]) {
     text(name, field);
   }
-  void pattern(const char* name, const std::string& value) { byteString(name, value.data(), value.size()); }
+  void pattern(std::string_view name, const std::string& value) { byteString(name, value.data(), value.size()); }
   template <typename Int>
-  void number(const char* name, Int value, Int /*low*/, Int /*high*/) {
+  void number(std::string_view name, Int value, Int /*low*/, Int /*high*/) {
     add(name, {Value::Kind::number, value, {}});
   }
-  void flag(const char* name, char value) { number(name, int{static_cast<unsigned char>(value)}, 0, 255); }
+  void flag(std::string_view name, char value) { number(name, int{static_cast<unsigned char>(value)}, 0, 255); }
   template <std::size_t N>
-  void bytes(const char* name, const char (&field)[N], int length) {
+  void bytes(std::string_view name, const char (&field)[N], int length) {
     if (length >= 0 && static_cast<std::size_t>(length) <= N) {
       byteString(name, field, static_cast<std::size_t>(length));
     } else {
@@ -140,7 +144,7 @@ class Writer {
     }
   }
   template <std::size_t N>
-  void key(const char* name, const char (&field)[N], int length) {
+  void key(std::string_view name, const char (&field)[N], int length) {
     bytes(name, field, length);
   }
 
@@ -165,8 +169,8 @@ class Writer {
   }
 
  private:
-  void add(const char* name, const Value& value) { fields_.at(count_++) = {name, value}; }
-  void byteString(const char* name, const char* value, std::size_t length) {
+  void add(std::string_view name, const Value& value) { fields_.at(count_++) = {name, value}; }
+  void byteString(std::string_view name, const char* value, std::size_t length) {
     add(name, {Value::Kind::bytes, 0, {reinterpret_cast<const unsigned char*>(value), length}});
   }
 
@@ -302,19 +306,19 @@ class Reader {
   }
 
   template <std::size_t N>
-  void text(const char* name, char (&field)[N]) {
+  void text(std::string_view name, char (&field)[N]) {
     store(field, string(name, 0, N - 1, true));
   }
   template <std::size_t N>
-  void password(const char* name, char (&field)[N]) {
+  void password(std::string_view name, char (&field)[N]) {
     store(field, string(name, 1, N, true));
   }
-  void pattern(const char* name, std::string& value) {
+  void pattern(std::string_view name, std::string& value) {
     const auto bytes = string(name, 0, SIZE_MAX, false);
     value.assign(bytes.begin(), bytes.end());
   }
   template <typename Int>
-  void number(const char* name, Int& value, Int low, Int high) {
+  void number(std::string_view name, Int& value, Int low, Int high) {
     const Value* found = find(name);
     if (found == nullptr) {
       return;
@@ -325,19 +329,19 @@ class Reader {
     }
     value = static_cast<Int>(found->number);
   }
-  void flag(const char* name, char& value) {
+  void flag(std::string_view name, char& value) {
     int code = 0;
     number(name, code, 0, 255);
     value = static_cast<char>(static_cast<unsigned char>(code));
   }
   template <std::size_t N>
-  void bytes(const char* name, char (&field)[N], int& length) {
+  void bytes(std::string_view name, char (&field)[N], int& length) {
     const auto value = string(name, 0, N, false);
     store(field, value);
     length = static_cast<int>(value.size());
   }
   template <std::size_t N>
-  void key(const char* name, char (&field)[N], int& length) {
+  void key(std::string_view name, char (&field)[N], int& length) {
     bytes(name, field, length);
   }
 
@@ -424,20 +428,6 @@ void write(Output& out, const Record& record) {
   writer.write(out, fieldOrder<Record>());
 }
 
-template <typename Data>
-std::size_t writeTable(unsigned char* place, const Data& data) {
-  Output out(place);
-  out.head(Type::map, 2);
-  out.text(kRecords);
-  out.head(Type::array, data.records.size());
-  for (const auto& record : data.records) {
-    write(out, record);
-  }
-  out.text(kSettings);
-  write(out, data.settings);
-  return out.size();
-}
-
 // Fills `record`, and returns why it can't be.
 template <typename Record>
 std::string read(Items& items, Record& record) {
@@ -490,9 +480,24 @@ Status readTable(const cipher::SecretBytes& payload, typename Data::Settings& se
 
 template <typename Data>
 cipher::SecretBytes encode(const Data& data) {
-  cipher::SecretBytes payload(writeTable(nullptr, data));
-  writeTable(payload.data(), data);
-  return payload;
+  constexpr std::size_t kFrame = 256;  // for everything but records, roughly
+  Output out;
+  out.expect(kFrame);
+  out.head(Type::map, 2);
+  out.text(kRecords);
+  out.head(Type::array, data.records.size());
+  for (std::size_t i = 0; i < data.records.size(); ++i) {
+    const std::size_t before = out.size();
+    write(out, data.records[i]);
+    if (i == 0) {
+      // The others are taken to be about as long.
+      const std::size_t one = out.size() - before;
+      out.expect(data.records.size() * (one + one / 8) + kFrame);
+    }
+  }
+  out.text(kSettings);
+  write(out, data.settings);
+  return out.take();
 }
 
 template <typename Data>

@@ -148,7 +148,7 @@ TEST_F(Login, ResponseIsComparedWholeAndCaseSensitively) {
                                           std::string(100000, 'd')};
   for (const std::string& response : wrong) {
     user.authFailCount = 0;
-    EXPECT_EQ(login(kSession, response), value(-2)) << conformance::quoted(response).substr(0, 80);
+    EXPECT_EQ(login(kSession, response), value(-2)) << conformance::inQuotes(response).substr(0, 80);
     EXPECT_EQ(user.authFailCount, 1);
   }
 }
@@ -162,7 +162,7 @@ TEST_F(Login, UnknownSessionGivesMinusFour) {
   const std::string id(kSession);
   for (const std::string& session : {std::string(kOtherSession), id.substr(0, 63), id + "0", id + bytes("\0"),
                                      id + bytes("\0x"), std::string(), std::string(1000, '0')}) {
-    EXPECT_EQ(login(session, kResponse), value(-4)) << conformance::quoted(session).substr(0, 80);
+    EXPECT_EQ(login(session, kResponse), value(-4)) << conformance::inQuotes(session).substr(0, 80);
     EXPECT_THAT(engine.operations(), ElementsAre("logwCategory", "lw_get_category", "lw_log"));
     expectOnlyEvent(4, kFailed);
     EXPECT_EQ(refresh(session), value(-4));

@@ -184,7 +184,7 @@ TEST_F(PoEd, EmptyDataIsEncryptedToo) {
 TEST_F(PoEd, NameIsComparedWholeAndCaseSensitively) {
   for (const std::string& name : {std::string("P"), std::string("pp"), std::string(), bytes("p\0"), bytes("p\0x"),
                                   std::string("p "), std::string(100000, 'p')}) {
-    EXPECT_TRUE(process(name, 0, "x").isEmptyText()) << conformance::quoted(name).substr(0, 40);
+    EXPECT_TRUE(process(name, 0, "x").isEmptyText()) << conformance::inQuotes(name).substr(0, 40);
   }
   EXPECT_THAT(engine.calls(), IsEmpty());
 }

@@ -62,7 +62,7 @@ TEST_F(FindPolicy, ComparesWholeAndCaseSensitively) {
   addPolicy(0, "pol1");
   for (const std::string& name : {std::string("POL1"), std::string("pol"), std::string("pol11"), std::string(),
                                   bytes("pol1\0"), std::string(1000, 'p')}) {
-    EXPECT_EQ(find(name), -1) << conformance::quoted(name).substr(0, 40);
+    EXPECT_EQ(find(name), -1) << conformance::inQuotes(name).substr(0, 40);
   }
 }
 

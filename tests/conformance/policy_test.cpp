@@ -305,8 +305,8 @@ TEST_F(Policy, NamesOfOtherBytesAreRefused) {
   for (const std::string& name :
        {std::string("Pol_1"), std::string("pol-1"), std::string("pol 1"), std::string("p\xC3\xA9"), std::string("\x80"),
         std::string("\xFF"), std::string("p'"), bytes("p\0"), bytes("p\0q"), std::string("p\n")}) {
-    EXPECT_EQ(create(name), value(0)) << conformance::quoted(name);
-    EXPECT_EQ(remove(name), value(0)) << conformance::quoted(name);
+    EXPECT_EQ(create(name), value(0)) << conformance::inQuotes(name);
+    EXPECT_EQ(remove(name), value(0)) << conformance::inQuotes(name);
   }
   expectRefusedBeforeStaging(before);
 }

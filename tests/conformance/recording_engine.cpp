@@ -227,7 +227,7 @@ void RecordingEngine::setKeyState(BCipherKey key, bool wiped, bool deleted) {
   }
 }
 
-std::string quoted(std::string_view bytes) {
+std::string inQuotes(std::string_view bytes) {
   std::string text = "\"";
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);

@@ -150,7 +150,7 @@ bool holdsRuleTable();
 bool holdsChange();
 
 // A byte string as the journal writes it: in quotes, bytes that are not printable ASCII as \xNN.
-std::string quoted(std::string_view bytes);
+std::string inQuotes(std::string_view bytes);
 
 // The transformation that encryptions run when nothing is scripted: a marker byte, then every byte with its high bit
 // turned, so that no output is printable text.

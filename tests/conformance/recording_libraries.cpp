@@ -11,7 +11,7 @@
 #include "logw/logw.h"
 #include "recording_engine.h"
 
-using conformance::quoted;
+using conformance::inQuotes;
 using conformance::RecordingEngine;
 
 struct lw_category {
@@ -34,13 +34,13 @@ class RecordedLog : public Log {
   explicit RecordedLog(int type) : type_(type) {}
 
   std::uint64_t getNumTotalLines(const std::string& date) override {
-    engine().enter("Log::getNumTotalLines", std::to_string(type_) + ", " + quoted(date));
+    engine().enter("Log::getNumTotalLines", std::to_string(type_) + ", " + inQuotes(date));
     const std::string scripted = engine().textOf("Log::getNumTotalLines");
     return scripted.empty() ? conformance::logLines()[type_][date].size() : std::stoull(scripted);
   }
 
   const char* getLog(const std::string& date, unsigned int lineNum) override {
-    engine().enter("Log::getLog", std::to_string(type_) + ", " + quoted(date) + ", " + std::to_string(lineNum));
+    engine().enter("Log::getLog", std::to_string(type_) + ", " + inQuotes(date) + ", " + std::to_string(lineNum));
     const auto& lines = conformance::logLines()[type_][date];
     return lineNum < lines.size() ? lines[lineNum].c_str() : "";
   }
@@ -117,7 +117,7 @@ int lw_log(lw_category* category, int level, const char* const* messages) {
   std::string arguments = std::to_string(level);
   for (; i < kMaxMessages && messages[i] != nullptr; ++i) {
     event.texts.emplace_back(messages[i]);
-    arguments += ", " + quoted(messages[i]);
+    arguments += ", " + inQuotes(messages[i]);
   }
   event.nulls_behind = i < kMaxMessages;
   for (; i < kMaxMessages; ++i) {

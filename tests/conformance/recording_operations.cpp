@@ -14,7 +14,7 @@
 
 using conformance::CipherAnswer;
 using conformance::CipherCall;
-using conformance::quoted;
+using conformance::inQuotes;
 using conformance::RecordingEngine;
 
 namespace {
@@ -30,11 +30,11 @@ int plainCall(const char* operation) {
 }
 
 std::string textOf(const char* text) {
-  return text == nullptr ? "null" : quoted(text);
+  return text == nullptr ? "null" : inQuotes(text);
 }
 
 std::string bytesOf(const unsigned char* bytes, std::size_t length) {
-  return quoted({reinterpret_cast<const char*>(bytes), length});
+  return inQuotes({reinterpret_cast<const char*>(bytes), length});
 }
 
 void copyText(char* field, std::size_t size, const std::string& text) {
@@ -89,7 +89,7 @@ int cipher(const char* operation, bool decrypt, unsigned char* out, unsigned int
            unsigned int inLen, const Q7EncPolicyInfo* policy, BCipherKey key) {
   CipherCall call{operation, {}, *outLen, *policy, key, out};
   call.input.assign(reinterpret_cast<const char*>(in), inLen);
-  engine().enter(operation, quoted(call.input) + ", " + textOf(policy->policyID) + ", " + engine().keyName(key));
+  engine().enter(operation, inQuotes(call.input) + ", " + textOf(policy->policyID) + ", " + engine().keyName(key));
   // The caller said that it has room for so many bytes.
   std::memset(out, 0xEE, *outLen);
   CipherAnswer answer;

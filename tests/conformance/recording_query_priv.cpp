@@ -137,9 +137,9 @@ bool Q7QueryPriv::check(int type, const std::string& statement, int parentType,
 
 int Q7QueryPriv::insert(Q7QueryPriv& rule) {
   auto& engine = conformance::RecordingEngine::get();
-  engine.enter("Q7QueryPriv::insert", std::to_string(rule.queryType) + ", " + conformance::quoted(rule.queryPattern) +
+  engine.enter("Q7QueryPriv::insert", std::to_string(rule.queryType) + ", " + conformance::inQuotes(rule.queryPattern) +
                                           ", " + std::to_string(rule.p_queryType) + ", " +
-                                          conformance::quoted(rule.p_queryPattern) + ", " +
+                                          conformance::inQuotes(rule.p_queryPattern) + ", " +
                                           std::to_string(rule.decAction) + ", " + std::to_string(rule.encAction));
   const int result = engine.resultOf("Q7QueryPriv::insert");
   const Q7QueryPrivWriter writer;
