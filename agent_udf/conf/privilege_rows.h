@@ -3,7 +3,9 @@
 // The two privilege tables in SQL. They differ in their keys and flags, and in how a row is looked up.
 #pragma once
 
+#include <array>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conf/audit_event.h"
@@ -25,7 +27,7 @@ class PrivilegeRows {
 
   constexpr PrivilegeRows(RecordTable<Record, Capacity> table, Key key, std::array<char Record::*, Flags> flags,
                           Names names, Save save, const char* name)
-      : table_(table), key_(key), flags_(flags), names_(names), save_(save), name_(name) {}
+      : table_(table), key_(std::move(key)), flags_(flags), names_(names), save_(save), name_(name) {}
 
   int count() const noexcept { return table_.count(); }
 

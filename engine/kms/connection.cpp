@@ -66,8 +66,8 @@ void FreeSsl::operator()(SSL* ssl) const noexcept {
   SSL_free(ssl);
 }
 
-Connection::Connection(const store::KmsSettings& settings, Socket socket, SslPtr ssl)
-    : settings_(settings), socket_(std::move(socket)), ssl_(std::move(ssl)) {}
+Connection::Connection(store::KmsSettings settings, Socket socket, SslPtr ssl)
+    : settings_(std::move(settings)), socket_(std::move(socket)), ssl_(std::move(ssl)) {}
 
 Connection::~Connection() {
   const ErrorQueue queue;
@@ -154,8 +154,8 @@ Connection::Outcome Connection::handshake(Deadline end) {
 Connection::Outcome Connection::writeAll(Bytes bytes, Deadline end) {
   std::size_t done = 0;
   while (!bytes.empty()) {
-    const Outcome outcome = run([&] { return SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &done); }, end,
-                                "it does not take the request within read_timeout, " + seconds(settings_.readTimeout));
+    Outcome outcome = run([&] { return SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &done); }, end,
+                          "it does not take the request within read_timeout, " + seconds(settings_.readTimeout));
     if (!outcome.done) {
       return outcome;
     }
@@ -167,8 +167,8 @@ Connection::Outcome Connection::writeAll(Bytes bytes, Deadline end) {
 Connection::Outcome Connection::readAll(std::span<unsigned char> bytes, Deadline end) {
   std::size_t done = 0;
   while (!bytes.empty()) {
-    const Outcome outcome = run([&] { return SSL_read_ex(ssl_.get(), bytes.data(), bytes.size(), &done); }, end,
-                                "no whole answer within read_timeout, " + seconds(settings_.readTimeout));
+    Outcome outcome = run([&] { return SSL_read_ex(ssl_.get(), bytes.data(), bytes.size(), &done); }, end,
+                          "no whole answer within read_timeout, " + seconds(settings_.readTimeout));
     if (!outcome.done) {
       return outcome;
     }

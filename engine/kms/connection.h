@@ -42,7 +42,7 @@ class Connection {
   std::chrono::milliseconds readTimeout() const noexcept { return settings_.readTimeout; }
 
  private:
-  Connection(const store::KmsSettings& settings, Socket socket, SslPtr ssl);
+  Connection(store::KmsSettings settings, Socket socket, SslPtr ssl);
 
   // Why an operation of OpenSSL did not come to its end.
   struct Outcome {

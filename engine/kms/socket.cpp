@@ -173,6 +173,7 @@ BIO* Socket::bio() const noexcept {
   const BIO_METHOD* method = socketMethod();
   BIO* bio = method == nullptr ? nullptr : BIO_new(method);
   if (bio != nullptr) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a pointer is what it keeps, and the socket may move
     BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(fd_)));
     BIO_set_init(bio, 1);
   }

@@ -75,8 +75,8 @@ Status readTables(const toml::table& settings, const std::string& source, Home& 
     if (!value.is_table()) {
       return invalidSetting(source, value.source(), fmt::format("'{0}' must be a table: [{0}]", name));
     }
-    const Status status = name == "paths" ? readPaths(*value.as_table(), source, home)
-                                          : readKms(*value.as_table(), source, home.directory, home.kms.emplace());
+    Status status = name == "paths" ? readPaths(*value.as_table(), source, home)
+                                    : readKms(*value.as_table(), source, home.directory, home.kms.emplace());
     if (!status.ok()) {
       return status;
     }

@@ -82,8 +82,8 @@ void* Store::operator new(std::size_t size) {
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
-void Store::operator delete(void* memory, std::size_t size) noexcept {
-  cipher::freeHidden(memory, size);
+void Store::operator delete(void* memory) noexcept {
+  cipher::freeHidden(memory, sizeof(Store));
 }
 
 Result<std::unique_ptr<Store>> Store::open(FileSystem& files, Home home) {

@@ -33,7 +33,7 @@ Result<TableImage> openTableFile(FileSystem& files, const std::string& path, con
 std::string tablePath(const Home& home, const Table& table);
 
 // Not safe for several threads at once: the caller holds a lock over every call.
-class Store {
+class Store final {
  public:
   // Checks the home and reads its settings and master key. No table is loaded yet. `files` outlives the store.
   static Result<std::unique_ptr<Store>> open(FileSystem& files, Home home);
@@ -43,7 +43,7 @@ class Store {
 
   // It holds the keys of the files: on pages that are kept out of core dumps.
   static void* operator new(std::size_t size);
-  static void operator delete(void* memory, std::size_t size) noexcept;
+  static void operator delete(void* memory) noexcept;
 
   FileSystem& files() const noexcept { return files_; }
   const Home& home() const noexcept { return home_; }
