@@ -110,11 +110,12 @@ ShortGcm* PreparedKey::shortGcm(Bytes iv, Bytes associated, Bytes text) noexcept
   if (suite_.blockCipher == nullptr || !ShortGcm::takes(iv, associated, text)) return nullptr;
   if (!shortGcm_ || !*shortGcm_) {
     Context made(EVP_CIPHER_CTX_new());
-    if (made == nullptr ||
+    if (made != nullptr &&
         EVP_EncryptInit_ex2(made.get(), suite_.blockCipher, material_.cipherKey, nullptr, nullptr) != 1) {
-      return nullptr;
+      made.reset();
     }
     shortGcm_.emplace(std::move(made));
+    if (!*shortGcm_) forgetErrors();  // the value goes the other way, and may succeed
   }
   return *shortGcm_ ? &*shortGcm_ : nullptr;
 }

@@ -599,6 +599,15 @@ TEST_F(Results, LeaveNoPrintableDataBehindAShorterText) {
   EXPECT_EQ(std::string(secret + 300, 300), std::string(300, '\0'));
 }
 
+TEST_F(Results, NumbersOfTheCheckLeaveNoClearText) {
+  for (const std::size_t length : {std::size_t{5}, std::size_t{600}}) {
+    engine.answerCipher({CipherAnswer::text(std::string(length, 's'))});
+    EXPECT_EQ(checkInt("p", "\x90"), value(1));
+    const auto* output = reinterpret_cast<const char*>(engine.cipherCalls().back().output);
+    EXPECT_EQ(std::string(output, length), std::string(length, '\0'));
+  }
+}
+
 TEST_F(Results, ShortAndLongOnesOfOneFunctionAreAliveAtOnce) {
   for (int function = 0; function < kFunctions; ++function) {
     const StringResult first = make(function, 300, 'a');

@@ -2,6 +2,7 @@
 //
 // How a row finds its policy: by a name that is compared in words, and first where the thread found it last.
 #include <thread>
+#include <utility>
 
 #include "every_function.h"
 #include "policy_fixture.h"
@@ -144,15 +145,27 @@ TEST_F(Walk, IsDisturbedByAPolicyThatIsReplaced) {
   }
 }
 
+// With both the encrypting and the peeling functions: the first output is made while the policy is replaced.
 TEST_F(Walk, ResultsOfAReplacedPolicyAreTakenUpAgain) {
   addPolicy(0, "p");
-  engine.onCall("Q7_EncryptBinaryExt", [this] {
-    if (engine.cipherCalls().empty()) {
+  bool replaced = false;
+  const auto replaceOnce = [this, &replaced] {
+    if (!std::exchange(replaced, true)) {
       g_makeKeyArray[0][0] = engine.makeKey("new key of p");
     }
-  });
-  engine.answerCipher({CipherAnswer::text("under the old key"), CipherAnswer::text("under the new key")});
+  };
+  engine.onCall("Q7_EncryptBinaryExt", replaceOnce);
+  engine.onCall("Q7_DecryptBinaryExt", replaceOnce);
+  const std::vector<CipherAnswer> answers = {CipherAnswer::text("under the old key"),
+                                             CipherAnswer::text("under the new key")};
+  engine.answerCipher(answers);
   EXPECT_EQ(call(data_process_po_ed, Arguments{"p"}.number(0).text("x")).text(), "under the new key");
+  replaced = false;
+  engine.answerCipher(answers);
+  EXPECT_EQ(call(data_process_ed_check_str, {"p", "\x90"}).text(), "under the new key");
+  replaced = false;
+  engine.answerCipher({CipherAnswer::text("under the old key"), CipherAnswer::text("\x90"), answers[1]});
+  EXPECT_EQ(call(data_process_ed_check_int, {"p", "\x90"}), value(2));
 }
 
 TEST_F(Walk, ResultsOfPoliciesWithoutRestAreEmpty) {

@@ -47,6 +47,7 @@ struct CipherCall {
   unsigned int capacity = 0;
   Q7EncPolicyInfo policy = {};
   BCipherKey key = nullptr;
+  const unsigned char* output = nullptr;  // the caller's buffer
 };
 
 // A key handle and what became of it.

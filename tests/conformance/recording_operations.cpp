@@ -87,7 +87,7 @@ CipherAnswer untransformed(const CipherCall& call) {
 
 int cipher(const char* operation, bool decrypt, unsigned char* out, unsigned int* outLen, const unsigned char* in,
            unsigned int inLen, const Q7EncPolicyInfo* policy, BCipherKey key) {
-  CipherCall call{operation, {}, *outLen, *policy, key};
+  CipherCall call{operation, {}, *outLen, *policy, key, out};
   call.input.assign(reinterpret_cast<const char*>(in), inLen);
   engine().enter(operation, inQuotes(call.input) + ", " + textOf(policy->policyID) + ", " + engine().keyName(key));
   // The caller said that it has room for so many bytes.

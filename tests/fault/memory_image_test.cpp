@@ -6,9 +6,13 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <functional>
+#include <semaphore>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "cipher/kdf.h"
@@ -35,15 +39,20 @@ std::string derived(const std::string& columnKey, std::string_view label, std::s
   return key;
 }
 
-// Round keys 2 to 4 of an AES key (the first two are the key itself), in the standard's byte order and in that of
-// little-endian words.
-std::vector<Secret> roundKeys(const std::string& key) {
-  std::vector<Secret> found;
+AES_KEY scheduleOf(const std::string& key) {
   AES_KEY schedule;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   EXPECT_EQ(0, AES_set_encrypt_key(reinterpret_cast<const unsigned char*>(key.data()), 256, &schedule));
 #pragma GCC diagnostic pop
+  return schedule;
+}
+
+// Round keys 2 to 4 of an AES key (the first two are the key itself), in the standard's byte order and in that of
+// little-endian words.
+std::vector<Secret> roundKeys(const std::string& key) {
+  std::vector<Secret> found;
+  const AES_KEY schedule = scheduleOf(key);
   const auto* words = reinterpret_cast<const std::uint32_t*>(schedule.rd_key);
   for (const int round : {2, 3, 14}) {
     std::string asStored(reinterpret_cast<const char*>(words + 4 * round), 16);
@@ -58,6 +67,21 @@ std::vector<Secret> roundKeys(const std::string& key) {
   return found;
 }
 
+// The key of GCM's hash, with which tags can be forged: a block of zeros, encrypted; in the standard's byte order and
+// in that of two little-endian words.
+std::vector<Secret> hashKeys(const std::string& key) {
+  const AES_KEY schedule = scheduleOf(key);
+  unsigned char block[16] = {};
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  AES_encrypt(block, block, &schedule);
+#pragma GCC diagnostic pop
+  const std::string standard(reinterpret_cast<const char*>(block), sizeof block);
+  std::string swapped(standard.rbegin(), standard.rend());
+  std::rotate(swapped.begin(), swapped.begin() + 8, swapped.end());
+  return {{"hash key", standard}, {"hash key in words", swapped}};
+}
+
 // All that a column key becomes. The labels are those of docs/ciphertext.md.
 std::vector<Secret> secretsOf(const std::string& columnKey) {
   std::vector<Secret> secrets = {{"column key", columnKey},
@@ -65,8 +89,8 @@ std::vector<Secret> secretsOf(const std::string& columnKey) {
                                  {"iv key", derived(columnKey, "orvanta iv key", 32)},
                                  {"hmac key", derived(columnKey, "orvanta hmac key", 32)},
                                  {"tag key", derived(columnKey, "orvanta tag key", 32)}};
-  for (Secret& roundKey : roundKeys(secrets[1].bytes)) {
-    secrets.push_back(std::move(roundKey));
+  for (const auto& made : {roundKeys(secrets[1].bytes), hashKeys(secrets[1].bytes)}) {
+    secrets.insert(secrets.end(), made.begin(), made.end());
   }
   return secrets;
 }
@@ -193,15 +217,40 @@ class Server {
   bool ended_ = false;
 };
 
+// Runs a statement with so much stack above it that what the thread does afterwards does not reach its frames.
+[[gnu::noinline]] void runBelow(const std::function<void()>& statement) {
+  volatile char room[16384];
+  room[0] = 0;
+  statement();
+  EXPECT_EQ(0, room[0]);
+}
+
+// Runs a statement on a connection of its own, whose thread stands still then until the process ends: nothing comes
+// over what the statement left on the stack.
+void onItsOwnConnection(const std::function<void()>& statement) {
+  std::binary_semaphore done(0);
+  std::thread([&] {
+    runBelow(statement);
+    done.release();
+    while (true) {
+      pause();
+    }
+  }).detach();
+  done.acquire();
+}
+
 // Uses the policy in every way there is, so that every key of it was prepared.
 void use(std::string_view policy) {
-  SqlArguments encrypt;
-  encrypt.text(policy).number(0).text(kValue);
-  const std::string encrypted = row(data_process_po_ed, encrypt).value_or("");
-  ASSERT_FALSE(encrypted.empty());
-  EXPECT_EQ(kValue, row(data_process_po_ed, SqlArguments().text(policy).number(1).text(encrypted)));
+  std::string encrypted;
+  onItsOwnConnection([&] {
+    encrypted = row(data_process_po_ed, SqlArguments().text(policy).number(0).text(kValue)).value_or("");
+    EXPECT_FALSE(encrypted.empty());
+  });
+  onItsOwnConnection(
+      [&] { EXPECT_EQ(kValue, row(data_process_po_ed, SqlArguments().text(policy).number(1).text(encrypted))); });
   for (const char* algorithm : {"SHA1", "SHA256", "SHA512", "HAS160"}) {
-    EXPECT_NE("", row(hmac_b64_data, SqlArguments().text(kValue).text(policy).text(algorithm)));
+    onItsOwnConnection(
+        [&] { EXPECT_NE("", row(hmac_b64_data, SqlArguments().text(kValue).text(policy).text(algorithm))); });
   }
 }
 
@@ -210,10 +259,15 @@ constexpr int kGcm = 5;
 constexpr int kCbcHmac = 8;
 
 // The policy "gone" in each of these modes, one after the other: made, used, and told to the test.
-const Q7EncPolicyInfo& makeAndUse(int blockMode) {
-  SqlArguments create = createPolicy("gone", 2, blockMode == kCbc ? 0 : 1, blockMode);
-  EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+void makeAndUse(int blockMode) {
+  onItsOwnConnection([blockMode] {
+    SqlArguments create = createPolicy("gone", 2, blockMode == kCbc ? 0 : 1, blockMode);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+  });
   use("gone");
+}
+
+const Q7EncPolicyInfo& lastPolicy() {
   return g_encPolicyArray[g_encPolicyArray_flag][g_numberOfEncPolicy[g_encPolicyArray_flag] - 1];
 }
 
@@ -228,13 +282,16 @@ std::string listed(const std::vector<std::string>& places) {
 }
 
 // That the search finds a policy's keys while they are in use: each of them, and what a cipher made of one.
-void expectFound(const std::vector<std::string>& places) {
+void expectFound(const std::vector<std::string>& places, int blockMode) {
   for (const char* name : {"column key at", "cipher key at", "iv key at", "hmac key at", "tag key at"}) {
     EXPECT_NE(std::string::npos, listed(places).find(name)) << name << " is not among\n" << listed(places);
   }
   // Without AES instructions OpenSSL keeps round keys in a form of its own.
   if (Check_CPU_support_AES() != 0) {
     EXPECT_NE(std::string::npos, listed(places).find("round key 2 ")) << listed(places);
+  }
+  if (blockMode == kGcm) {
+    EXPECT_NE(std::string::npos, listed(places).find("hash key ")) << listed(places);
   }
 }
 
@@ -252,8 +309,9 @@ void expectGoneInTheEnd(Server& server, const std::vector<Secret>& secrets) {
 TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
   Server server([&](Server& self) {
     startWithSession(home());
-    self.stepDone(makeAndUse(GetParam()).columnKey, kDrawnKey);
-    EXPECT_EQ(3, row(kezu_conf_set_policy, inSession().text("gone")));
+    makeAndUse(GetParam());
+    self.stepDone(lastPolicy().columnKey, kDrawnKey);
+    onItsOwnConnection([] { EXPECT_EQ(3, row(kezu_conf_set_policy, inSession().text("gone"))); });
     // Each change moves to the next slot: after these, every slot was written anew.
     SqlArguments other = createPolicy("other", 2, 1, kGcm);
     EXPECT_EQ(1, row(kezu_conf_set_policy, other));
@@ -266,18 +324,18 @@ TEST_P(MemoryImageTest, ADeletedPolicysKeyIsGoneOnceItsSlotIsReused) {
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   expectGoneInTheEnd(server, secrets);
 }
 
 TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
   Server server([&](Server& self) {
     startWithSession(home());
-    const Q7EncPolicyInfo& record = makeAndUse(GetParam());
-    self.stepDone(record.columnKey, kDrawnKey);
+    makeAndUse(GetParam());
+    self.stepDone(lastPolicy().columnKey, kDrawnKey);
     // Copies in other slots, also in one that was filled and never published.
     SqlArguments other = createPolicy("other", 2, 1, kGcm);
-    EXPECT_EQ(1, row(kezu_conf_set_policy, other));
+    onItsOwnConnection([&other] { EXPECT_EQ(1, row(kezu_conf_set_policy, other)); });
     use("gone");
     SqlArguments refused = createPolicy("refused", 16, 1, kGcm);
     EXPECT_EQ(0, row(kezu_conf_set_policy, refused));
@@ -285,20 +343,21 @@ TEST_P(MemoryImageTest, TheKeysAreGoneAsSoonAsTheModeIsSwitchedOff) {
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   expectGoneInTheEnd(server, secrets);
 }
 
 TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
   Server server([&](Server& self) {
     startWithSession(home());
-    self.stepDone(makeAndUse(GetParam()).columnKey, kDrawnKey);
+    makeAndUse(GetParam());
+    self.stepDone(lastPolicy().columnKey, kDrawnKey);
     EXPECT_EQ(0, Q7_ReloadAllInfoIfChanged());
     EXPECT_EQ(0, g_numberOfEncPolicy[g_encPolicyArray_flag]);
     self.stepDone();
   });
   const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
-  expectFound(found(server.process(), secrets));
+  expectFound(found(server.process(), secrets), GetParam());
   EXPECT_EQ(0, store_test::inChild([&] {
               auto store = store_test::loadStore(home());
               g_numberOfEncPolicy[g_encPolicyArray_flag] = 0;
@@ -307,7 +366,114 @@ TEST_P(MemoryImageTest, TheKeysAreGoneWhenAnotherServerDiscardedThePolicies) {
   expectGoneInTheEnd(server, secrets);
 }
 
+// Each operation on a connection of its own, with little behind it that would come over its stack.
+TEST_P(MemoryImageTest, NoOperationLeavesAKeyOnTheStack) {
+  Server server([&](Server& self) {
+    startWithSession(home());
+    Q7EncPolicyInfo policy = {};
+    BCipherKey key = nullptr;
+    BCipherKey copy = nullptr;
+    int done = 0;
+    onItsOwnConnection([&] {
+      done = Q7_AddPolicyInfo(policy, &key, "gone", 2, GetParam() == kCbc ? 0 : 1, nullptr, 0xFFFFFFFF, 0, 0,
+                              GetParam(), 0, "");
+    });
+    EXPECT_NE(0, done);
+    onItsOwnConnection([&] { copy = BCIPHER_DupKey(key); });
+    const auto* text = reinterpret_cast<const unsigned char*>(kValue.data());
+    constexpr unsigned int kSize = kValue.size();
+    unsigned char value[100];
+    unsigned int size = sizeof value;
+    onItsOwnConnection([&] { done = Q7_EncryptBinaryExt(value, &size, text, kSize, &policy, key); });
+    EXPECT_EQ(0, done);
+    unsigned char clear[100];
+    unsigned int clearSize = sizeof clear;
+    onItsOwnConnection([&] { done = Q7_DecryptBinaryExt(clear, &clearSize, value, size, &policy, copy); });
+    EXPECT_EQ(0, done);
+    unsigned char digest[64];
+    unsigned int digestSize = sizeof digest;
+    onItsOwnConnection([&] { done = kezuHmacBinary(digest, &digestSize, text, kSize, kHashSha256, &policy); });
+    EXPECT_EQ(0, done);
+    self.stepDone(policy.columnKey, kDrawnKey);
+    for (const BCipherKey handle : {key, copy}) {
+      BCIPHER_WipeKey(handle);
+      BCIPHER_DelKey(handle);
+    }
+    kezu::clearRecord(policy);
+    self.stepDone();
+  });
+  const std::vector<Secret> secrets = secretsOf(server.awaitStep(kDrawnKey));
+  EXPECT_NE("", listed(found(server.process(), secrets)));
+  expectGoneInTheEnd(server, secrets);
+}
+
 INSTANTIATE_TEST_SUITE_P(BlockModes, MemoryImageTest, ::testing::Values(kCbc, kGcm, kCbcHmac));
+
+class ClearTextTest : public store_test::StoreTest {};
+
+// One that is not printable is put through decryption again and again. Neither its number of layers nor the empty
+// result of the last round is the text, so nothing of it is left.
+TEST_F(ClearTextTest, IsGoneAfterPeelingThatCameToNothing) {
+  constexpr std::size_t kSize = 3000;
+  Server server([&](Server& self) {
+    startWithSession(home());
+    SqlArguments create = createPolicy("p", 2, 1, kGcm);
+    EXPECT_EQ(1, row(kezu_conf_set_policy, create));
+    std::array<unsigned char, kSize> clear;
+    EXPECT_TRUE(cipher::randomBytes(clear));
+    clear[0] = 0x80;
+    const std::string_view text(reinterpret_cast<const char*>(clear.data()), kSize);
+    const auto encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(text)).value_or("");
+    self.stepDone(clear.data(), kSize);
+    OPENSSL_cleanse(clear.data(), kSize);
+    std::optional<long long> layers;
+    onItsOwnConnection([&] { layers = row(data_process_ed_check_int, SqlArguments().text("p").text(encrypted)); });
+    EXPECT_EQ(-1, layers);
+    std::optional<std::string> result;
+    onItsOwnConnection([&] { result = row(data_process_ed_check_str, SqlArguments().text("p").text(encrypted)); });
+    EXPECT_EQ("", result);
+    self.stepDone();
+  });
+  const std::string clear = server.awaitStep(kSize);
+  const std::vector<Secret> secrets = {
+      {"beginning", clear.substr(0, 16)}, {"middle", clear.substr(1500, 16)}, {"end", clear.substr(kSize - 16)}};
+  EXPECT_NE("", listed(found(server.process(), secrets)));
+  expectGoneInTheEnd(server, secrets);
+}
+
+class EncryptedTextTest : public store_test::StoreTest, public ::testing::WithParamInterface<std::tuple<int, int>> {};
+
+// Of a text short enough to be put together with its padding first, and of one that is not.
+TEST_P(EncryptedTextTest, IsNowhereElse) {
+  const auto [ivMode, blockMode] = GetParam();
+  for (const std::size_t size : {std::size_t{100}, std::size_t{1000}}) {
+    Server server([&, ivMode = ivMode, blockMode = blockMode](Server& self) {
+      startWithSession(home());
+      addPolicyWithKey("p", ivMode, blockMode, 'k');
+      std::array<unsigned char, 1000> clear;
+      EXPECT_TRUE(cipher::randomBytes(clear));
+      const std::string_view text(reinterpret_cast<const char*>(clear.data()), size);
+      std::optional<std::string> encrypted;
+      // The first calls have the dynamic linker look for functions, which saves the processor's registers on the stack.
+      encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(std::string(size, 'x')));
+      onItsOwnConnection([&] { encrypted = row(data_process_po_ed, SqlArguments().text("p").number(0).text(text)); });
+      EXPECT_LT(size, encrypted.value_or("").size());
+      self.stepDone(clear.data(), clear.size());
+      OPENSSL_cleanse(clear.data(), clear.size());
+      self.stepDone();
+    });
+    const std::string clear = server.awaitStep(1000);
+    std::vector<Secret> secrets;
+    for (std::size_t at = 0; at + 16 <= size; at += 4) {
+      secrets.push_back({"text from byte " + std::to_string(at), clear.substr(at, 16)});
+    }
+    EXPECT_NE("", listed(found(server.process(), {secrets.front()})));
+    expectGoneInTheEnd(server, secrets);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, EncryptedTextTest,
+                         ::testing::Combine(::testing::Values(0, 1), ::testing::Values(kCbc, kGcm, kCbcHmac)));
 
 class CoreDumpTest : public store_test::StoreTest {};
 
@@ -364,7 +530,8 @@ TEST_F(CoreDumpTest, WhatIsDumpedHoldsNoKeyOfTheTables) {
     startWithSession(home());
     changePassword();
     self.stepDone(g_userInfo[0].passwd, 32);
-    self.stepDone(makeAndUse(kGcm).columnKey, kDrawnKey);
+    makeAndUse(kGcm);
+    self.stepDone(lastPolicy().columnKey, kDrawnKey);
     SqlArguments unused = createPolicy("unused", 2, 1, kGcm);
     EXPECT_EQ(1, row(kezu_conf_set_policy, unused));
     self.stepDone(g_encPolicyArray[g_encPolicyArray_flag][1].columnKey, kDrawnKey);

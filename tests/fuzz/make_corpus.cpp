@@ -112,6 +112,8 @@ void writeValue(const fs::path& folder, const fuzz::PolicyNumbers& numbers) {
   write(folder / name, headerOf(numbers, kEncrypted) + *test::encrypt(policy, clear));
   if (numbers.algorithm == test::AES256) {
     write(folder / (name + "_clear"), headerOf(numbers, kClear) + Data{0, 5, 1} + clear);
+    // Values from some size on go another way through some ciphers.
+    write(folder / (name + "_long"), headerOf(numbers, kClear) + Data{1, 5, 1} + test::patternOf(300));
   }
 }
 

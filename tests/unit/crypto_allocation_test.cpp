@@ -42,8 +42,9 @@ void* realloc(void* memory, std::size_t size) noexcept {
 
 namespace {
 
-constexpr unsigned char kValue[] = "some value";
-constexpr unsigned int kValueSize = sizeof kValue;
+constexpr unsigned char kValue[400] = "some value";
+constexpr unsigned int kShort = 11;
+constexpr unsigned int kLong = sizeof kValue;  // goes another way through some ciphers
 
 template <typename Row>
 unsigned long allocationsOf(Row row) {
@@ -53,11 +54,11 @@ unsigned long allocationsOf(Row row) {
   return allocations - before;
 }
 
-void thereAndBack(test::Policy& policy) {
-  unsigned char encrypted[300];
-  unsigned char clear[300];
+void thereAndBack(test::Policy& policy, unsigned int valueSize) {
+  unsigned char encrypted[1000];
+  unsigned char clear[1000];
   unsigned int size = sizeof encrypted;
-  Q7_EncryptBinaryExt(encrypted, &size, kValue, kValueSize, &policy.record, policy.handle);
+  Q7_EncryptBinaryExt(encrypted, &size, kValue, valueSize, &policy.record, policy.handle);
   const unsigned int encryptedSize = size;
   size = sizeof clear;
   Q7_DecryptBinaryExt(clear, &size, encrypted, encryptedSize, &policy.record, policy.handle);
@@ -73,8 +74,10 @@ TEST(CryptoAllocation, ThereIsNonePerValue) {
           for (const int length : {0, 3}) {
             test::Policy policy({algorithm, mode, iv, encoding, length, length, "#"});
             if (!policy) continue;
-            EXPECT_EQ(allocationsOf([&policy] { thereAndBack(policy); }), 0U)
-                << algorithm << ", " << mode << ", " << iv;
+            for (const unsigned int size : {kShort, kLong}) {
+              EXPECT_EQ(allocationsOf([&policy, size] { thereAndBack(policy, size); }), 0U)
+                  << algorithm << ", " << mode << ", " << iv << ", " << size << " bytes";
+            }
           }
         }
       }
@@ -90,8 +93,8 @@ TEST(CryptoAllocation, ThereIsNonePerDigest) {
     EXPECT_EQ(allocationsOf([algorithm] {
                 unsigned char out[64];
                 unsigned int size = 0;
-                kezuHashBinary(out, &size, kValue, kValueSize, algorithm);
-                kezuHmacBinary(out, &size, kValue, kValueSize, algorithm, &g_encPolicyArray[2][5]);
+                kezuHashBinary(out, &size, kValue, kShort, algorithm);
+                kezuHmacBinary(out, &size, kValue, kShort, algorithm, &g_encPolicyArray[2][5]);
               }),
               0U)
         << algorithm;

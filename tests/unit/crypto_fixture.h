@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "kezu/engine.h"
+#include "tests/unit/guarded_room.h"
 
 namespace test {
 
@@ -142,17 +142,20 @@ struct Result {
   Data bytes;
 };
 
-// Runs an operation with an output of exactly `capacity` bytes and inputs of exactly their size, so that a sanitizer
-// sees a byte too many.
+// Runs an operation with an output of exactly `capacity` bytes and inputs of exactly their size, so that a byte too
+// many is noticed, whoever reads or writes it.
 inline Result run(Operation operation, const Data& in, const Q7EncPolicyInfo& record, BCipherKey handle,
                   unsigned int capacity) {
-  std::unique_ptr<unsigned char[]> out(new unsigned char[capacity]);
-  std::unique_ptr<unsigned char[]> exact(new unsigned char[in.size()]);
-  std::copy(in.begin(), in.end(), exact.get());
+  static thread_local GuardedRoom input;
+  static thread_local GuardedRoom output;
+  unsigned char* exact = input.take(in.size());
+  std::copy(in.begin(), in.end(), exact);
+  unsigned char* out = output.take(capacity);
+  std::fill_n(out, capacity, static_cast<unsigned char>(0xEE));
   Q7EncPolicyInfo copy = record;
   Result result{0, capacity, {}};
-  result.code = operation(out.get(), &result.length, exact.get(), static_cast<unsigned int>(in.size()), &copy, handle);
-  if (result.code == 0) result.bytes.assign(out.get(), out.get() + result.length);
+  result.code = operation(out, &result.length, exact, static_cast<unsigned int>(in.size()), &copy, handle);
+  if (result.code == 0) result.bytes.assign(out, out + result.length);
   return result;
 }
 

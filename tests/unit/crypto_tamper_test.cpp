@@ -258,6 +258,23 @@ TEST(CryptoTamper, KindsWithoutAuthenticationLiveWithAnything) {
   });
 }
 
+// A value that ends within its flag or its first digits is none, and nothing behind it is read to find that out:
+// neither to decrypt it, nor to tell whether it is encrypted already.
+TEST(CryptoTamper, BeginningsOfAValueAreClearTexts) {
+  const std::string flag = "{flag}";
+  forEveryAuthenticated(0, 0, flag.c_str(), [&flag](const Policy& policy) {
+    const Data encrypted = *encrypt(policy, test::patternOf(9));
+    const std::size_t firstByte = policy.record.strMode == test::RAW ? 1 : policy.record.strMode == test::HEX ? 2 : 4;
+    for (std::size_t size = 0; size < flag.size() + firstByte; ++size) {
+      const Data beginning(encrypted.begin(), encrypted.begin() + static_cast<std::ptrdiff_t>(size));
+      EXPECT_FALSE(decrypt(policy, beginning)) << size;
+      const auto again = encrypt(policy, beginning);
+      ASSERT_TRUE(again) << size;
+      EXPECT_EQ(decrypt(policy, *again), beginning);
+    }
+  });
+}
+
 TEST(CryptoTamper, WhatIsTooShortForAValueIsNone) {
   forEveryCipher({}, [](const Policy& policy) {
     const std::size_t shortest = encrypt(policy, {})->size();

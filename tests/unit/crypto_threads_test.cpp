@@ -3,10 +3,14 @@
 // Threads that encrypt while another wipes, deletes and makes the keys that they use. Run under the address and thread
 // sanitizers as well.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +141,82 @@ TEST_F(Threads, KeyedDigestsAreRightOrNone) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong_, 0);
   EXPECT_GT(encrypted_, 0);
+}
+
+// The processor time that a thread has used, in nanoseconds.
+long long timeOf(clockid_t thread) {
+  timespec time{};
+  EXPECT_EQ(clock_gettime(thread, &time), 0);
+  return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
+}
+
+// Runs an operation that takes long, and has another thread wipe its key when it is under way. Whether it came to no
+// result in one of some tries: in those in which the wiping was done before the operation.
+template <typename Operation>
+bool isWithdrawn(const Policy& policy, Operation operation) {
+  constexpr long long kUnderWay = 3'000'000;  // of some ten milliseconds
+  clockid_t mine{};
+  EXPECT_EQ(pthread_getcpuclockid(pthread_self(), &mine), 0);
+  bool withdrawn = false;
+  for (int tries = 0; tries < 30 && !withdrawn; ++tries) {
+    BCipherKey key = BCIPHER_DupKey(policy.handle);
+    std::atomic<bool> ready{false};
+    std::atomic<long long> begun{LLONG_MAX};
+    std::thread wiper([&] {
+      ready = true;
+      while (begun == LLONG_MAX || timeOf(mine) < begun + kUnderWay) {
+      }
+      BCIPHER_WipeKey(key);
+    });
+    while (!ready) {
+    }
+    begun = timeOf(mine);
+    withdrawn = !operation(key);
+    begun = 0;
+    wiper.join();
+    BCIPHER_DelKey(key);
+  }
+  return withdrawn;
+}
+
+// The same for an operation on a long value. Without a result it has no length, and leaves nothing in the output.
+bool isWithdrawn(test::Operation operation, const Policy& policy, const Data& value) {
+  Q7EncPolicyInfo record = policy.record;
+  Data out(value.size() + 100);
+  return isWithdrawn(policy, [&](BCipherKey key) {
+    auto size = static_cast<unsigned int>(out.size());
+    if (operation(out.data(), &size, value.data(), static_cast<unsigned int>(value.size()), &record, key) == 0) {
+      std::fill(out.begin(), out.end(), static_cast<unsigned char>(0));
+      return true;
+    }
+    EXPECT_EQ(size, 0U);
+    EXPECT_EQ(out, Data(out.size()));
+    return false;
+  });
+}
+
+TEST(ThreadsAndOneValue, IsWithdrawnWhenTheKeyGoesMeanwhile) {
+  const Policy policy({.algorithm = test::TDES168});  // the slowest
+  const Data value(std::size_t{1} << 20, 'x');
+  const test::Result encrypted = test::run(Q7_EncryptBinaryExt, value, policy.record, policy.handle, 2U << 20);
+  ASSERT_EQ(encrypted.code, 0);
+  EXPECT_TRUE(isWithdrawn(Q7_EncryptBinaryExt, policy, value));
+  EXPECT_TRUE(isWithdrawn(Q7_DecryptBinaryExt, policy, encrypted.bytes));
+}
+
+TEST_F(Threads, KeyedDigestIsWithdrawnWhenTheKeyGoesMeanwhile) {
+  const Data value(std::size_t{16} << 20, 'x');
+  kezu::storeRecord(g_encPolicyArray[1][0], policies_[0].record);
+  EXPECT_TRUE(isWithdrawn(policies_[0], [&value](BCipherKey key) {
+    kezu::publish(g_makeKeyArray[1][0], key);
+    unsigned char code[64];
+    unsigned int size = 1;
+    const int result = kezuHmacBinary(code, &size, value.data(), static_cast<unsigned int>(value.size()), kHashSha512,
+                                      &g_encPolicyArray[1][0]);
+    EXPECT_EQ(size, result == 0 ? 64U : 0U);
+    return result == 0;
+  }));
+  kezu::publish(g_makeKeyArray[1][0], BCipherKey{nullptr});
 }
 
 // A policy that encrypts a part of a value is never taken for one that encrypts all of it, also not while another

@@ -3,8 +3,11 @@
 // Short values in GCM mode take a path of their own: what comes out has to be the same as what OpenSSL's ciphers make,
 // up to the limit of that path and past it.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -87,24 +90,61 @@ TEST_P(ShortGcmTest, SoAreTextsWithAssociatedData) {
   }
 }
 
+// Of every size that one of the two paths takes: no bit of the vector, the associated data, the cipher text and the
+// tag.
 TEST_P(ShortGcmTest, NothingButTheValueItselfIsTaken) {
-  const Data text = patternOf(20);
-  const Data associated = patternOf(5);
-  const Data iv = nextVector();
-  Data sealed(20);
-  Data tag(16);
-  ASSERT_TRUE(key_.encrypt(sealed.data(), tag.data(), iv, associated, text));
-  const Data whole = iv + associated + sealed + tag;
-  for (std::size_t bit = 0; bit < 8 * whole.size(); ++bit) {
-    Data changed = whole;
-    changed[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
-    const cipher::Bytes all(changed);
-    Data back(20, 1);
-    EXPECT_FALSE(key_.decrypt(back, all.first(12), all.subspan(12, 5), all.subspan(17, 20), all.last(16)).valid) << bit;
-    EXPECT_EQ(back, Data(20)) << bit;
+  for (const std::size_t size : {std::size_t{0}, std::size_t{20}, ShortGcm::kMaxBytes}) {
+    SCOPED_TRACE(size);
+    const Data associated = patternOf(5);
+    const Data iv = nextVector();
+    Data sealed(size);
+    Data tag(16);
+    ASSERT_TRUE(key_.encrypt(sealed.data(), tag.data(), iv, associated, patternOf(size)));
+    const Data whole = iv + associated + sealed + tag;
+    for (std::size_t bit = 0; bit < 8 * whole.size(); ++bit) {
+      Data changed = whole;
+      changed[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
+      const cipher::Bytes all(changed);
+      Data back(size, 1);
+      ASSERT_FALSE(key_.decrypt(back, all.first(12), all.subspan(12, 5), all.subspan(17, size), all.last(16)).valid)
+          << bit;
+      ASSERT_EQ(back, Data(size)) << bit;
+    }
+    Data back(size);
+    EXPECT_TRUE(key_.decrypt(back, iv, associated, sealed, tag).valid);
   }
-  Data back(20);
-  EXPECT_TRUE(key_.decrypt(back, iv, associated, sealed, tag).valid);
+}
+
+// OpenSSL would take the first bytes of a tag for it, and none at all.
+TEST_P(ShortGcmTest, TagsHaveTheirWholeLength) {
+  for (const std::size_t size : {std::size_t{20}, ShortGcm::kMaxBytes + 1}) {
+    const Data iv = nextVector();
+    Data sealed(size);
+    Data tag(17);
+    ASSERT_TRUE(key_.encrypt(sealed.data(), tag.data(), iv, {}, patternOf(size)));
+    Data back(size);
+    for (std::size_t length = 0; length <= tag.size(); ++length) {
+      EXPECT_EQ(key_.decrypt(back, iv, {}, sealed, cipher::Bytes(tag).first(length)).valid, length == 16) << length;
+    }
+  }
+}
+
+// Where the cipher cannot be had block by block, values are the same, and OpenSSL's errors do not stay behind: the
+// server would take them for those of its own connections.
+TEST_P(ShortGcmTest, GoesTheOtherWayWhereItCannotBeMade) {
+  const Data iv = nextVector();
+  Data expected(20);
+  Data expectedTag(16);
+  ASSERT_TRUE(key_.encrypt(expected.data(), expectedTag.data(), iv, {}, patternOf(20)));
+  cipher::Suite suite = suite_;
+  suite.blockCipher = EVP_aes_256_ccm();  // encrypts nothing without a vector
+  PreparedKey key(suite, material());
+  Data out(20);
+  Data tag(16);
+  ASSERT_TRUE(key.encrypt(out.data(), tag.data(), iv, {}, patternOf(20)));
+  EXPECT_EQ(out, expected);
+  EXPECT_EQ(tag, expectedTag);
+  EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
 INSTANTIATE_TEST_SUITE_P(Algorithms, ShortGcmTest,
@@ -134,26 +174,99 @@ TEST(ShortGcm, TakesValuesUpToItsLimit) {
   EXPECT_FALSE(ShortGcm::takes(Data(13), {}, {}));
 }
 
+// One that a test can look into: what it holds of values that are done, and its context.
+class OneShortGcm : public testing::Test {
+ protected:
+  OneShortGcm() {
+    EXPECT_EQ(EVP_EncryptInit_ex(context_, EVP_aes_256_ecb(), nullptr, rawKey_.data(), nullptr), 1);
+    gcm_.emplace(cipher::Context(context_));
+  }
+
+  // A block as the cipher alone encrypts it.
+  Data encrypted(const Data& block) const {
+    const cipher::Context own(EVP_CIPHER_CTX_new());
+    Data out(32);
+    int written = 0;
+    EXPECT_EQ(EVP_EncryptInit_ex(own.get(), EVP_aes_256_ecb(), nullptr, rawKey_.data(), nullptr), 1);
+    EXPECT_EQ(EVP_EncryptUpdate(own.get(), out.data(), &written, block.data(), 16), 1);
+    out.resize(16);
+    return out;
+  }
+
+  // What is combined with the tag (1) and with the blocks of the text (from 2 on).
+  Data keyStream(unsigned char number) const { return encrypted(iv_ + Data{0, 0, 0, number}); }
+
+  // Whether a block stands in the object.
+  bool holds(const Data& block) const {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&*gcm_);
+    return std::search(bytes, bytes + sizeof *gcm_, block.begin(), block.end()) != bytes + sizeof *gcm_;
+  }
+
+  void expectNothingHeld() const {
+    for (unsigned char number = 1; number <= 5; ++number) EXPECT_FALSE(holds(keyStream(number))) << +number;
+    EXPECT_FALSE(holds(encrypted(Data(16))));  // the key of the hash
+  }
+
+  const Data rawKey_ = patternOf(32);
+  const Data iv_ = patternOf(12);
+  const Data text_ = patternOf(50);                       // four blocks
+  EVP_CIPHER_CTX* const context_ = EVP_CIPHER_CTX_new();  // gcm_ owns it
+  std::optional<ShortGcm> gcm_;
+  Data out_ = Data(50);
+  Data tag_ = Data(16);
+};
+
 // Past the limit nothing is done, not even when it is asked for.
-TEST(ShortGcm, RefusesWhatItDoesNotTake) {
-  const Data raw = patternOf(32);
-  cipher::Context context(EVP_CIPHER_CTX_new());
-  ASSERT_EQ(EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, raw.data(), nullptr), 1);
-  ShortGcm gcm(std::move(context));
-  ASSERT_TRUE(static_cast<bool>(gcm));
+TEST_F(OneShortGcm, RefusesWhatItDoesNotTake) {
+  ASSERT_TRUE(static_cast<bool>(*gcm_));
   const Data text(ShortGcm::kMaxBytes + 1);
   Data out(text.size());
-  Data tag(16);
-  EXPECT_FALSE(gcm.encrypt(out.data(), tag, Data(12), {}, text));
-  EXPECT_FALSE(gcm.encrypt(out.data(), tag, Data(13), {}, Data(1)));
-  EXPECT_FALSE(gcm.decrypt(out.data(), Data(12), {}, text, tag));
+  EXPECT_FALSE(gcm_->encrypt(out.data(), tag_, iv_, {}, text));
+  EXPECT_FALSE(gcm_->encrypt(out.data(), tag_, Data(13), {}, Data(1)));
+  EXPECT_FALSE(gcm_->decrypt(out.data(), iv_, {}, text, tag_));
   EXPECT_EQ(out, Data(text.size()));
-  EXPECT_TRUE(gcm.encrypt(out.data(), tag, Data(12), {}, Data(1)));
-  EXPECT_TRUE(gcm.decrypt(out.data(), Data(12), {}, Data{out[0]}, tag));
+  EXPECT_TRUE(gcm_->encrypt(out.data(), tag_, iv_, {}, Data(1)));
+  EXPECT_TRUE(gcm_->decrypt(out.data(), iv_, {}, Data{out[0]}, tag_));
+}
+
+// It and the cipher text, which anybody may have, give the text.
+TEST_F(OneShortGcm, KeepsNoKeyStream) {
+  expectNothingHeld();
+  ASSERT_TRUE(gcm_->encrypt(out_.data(), tag_, iv_, {}, text_));
+  EXPECT_EQ(out_[16] ^ text_[16], keyStream(3)[0]);  // that is what is looked for
+  expectNothingHeld();
+  Data back(50);
+  ASSERT_TRUE(gcm_->decrypt(back.data(), iv_, {}, out_, tag_));
+  expectNothingHeld();
+  tag_[0] ^= 1;
+  ASSERT_FALSE(gcm_->decrypt(back.data(), iv_, {}, out_, tag_));
+  expectNothingHeld();
+}
+
+TEST_F(OneShortGcm, IsDoneWithOnceOpenSslFailed) {
+  ASSERT_TRUE(gcm_->encrypt(out_.data(), tag_, iv_, {}, text_));
+  ASSERT_EQ(EVP_CIPHER_CTX_reset(context_), 1);
+  const Data tag = tag_;
+  Data back(50);
+  EXPECT_FALSE(gcm_->decrypt(back.data(), iv_, {}, out_, tag));
+  EXPECT_FALSE(static_cast<bool>(*gcm_));
+  EXPECT_EQ(back, Data(50));
+  expectNothingHeld();
+}
+
+TEST_F(OneShortGcm, EncryptsNothingOnceOpenSslFailed) {
+  ASSERT_EQ(EVP_CIPHER_CTX_reset(context_), 1);
+  EXPECT_FALSE(gcm_->encrypt(out_.data(), tag_, iv_, {}, text_));
+  EXPECT_FALSE(static_cast<bool>(*gcm_));
+  EXPECT_EQ(out_, Data(50));
+  EXPECT_EQ(tag_, Data(16));
+  ERR_clear_error();
 }
 
 TEST(ShortGcm, IsNotThereWithoutACipher) {
   EXPECT_FALSE(static_cast<bool>(ShortGcm{cipher::Context()}));
+  EXPECT_FALSE(static_cast<bool>(ShortGcm{cipher::Context(EVP_CIPHER_CTX_new())}));
+  ERR_clear_error();
 }
 
 }  // namespace
