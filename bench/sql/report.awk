@@ -87,6 +87,7 @@ END {
   pair("AES_ENCRYPT")
   pair("AES_ENCRYPT, two servers")
   pair("scan")
+  pair("scan, the same table")
 
   printf "\n| Values of 4000 bytes, AES256 CBC | MB/s | `openssl speed` | Ratio, at least 0.80 |\n|---|---:|---:|---:|\n"
   bytes("encrypt 4000 bytes")
