@@ -373,11 +373,17 @@ TEST_F(Hash, EndOfAStatementLooksTheCategoryUpAndLogs) {
   EXPECT_THAT(engine.operations(), ElementsAre("logwCategory", "lw_get_category", "lw_log"));
 }
 
+// More threads than a server's connections usually need, one after the other.
 TEST_F(Hash, CountsOfAllThreadsAreReportedTogether) {
-  std::thread([] { raw("a"); }).join();
-  std::thread([] { raw("a"); }).join();
-  raw("a");
-  expectCount(hash_raw_data_deinit, "hash_raw_data", 3);
+  constexpr int kThreads = 150;
+  for (int i = 0; i < kThreads; ++i) {
+    std::thread([this] { raw("abc"); }).join();
+  }
+  raw("abc");
+  b64("abc");
+  expectCount(hash_raw_data_deinit, "hash_raw_data", kThreads + 1);
+  expectCount(hash_raw_data_deinit, "hash_raw_data", 0);
+  expectCount(hash_b64_data_deinit, "hash_b64_data", 1);
 }
 
 TEST_F(Hmac, ThreadsMayHashAtOnce) {
@@ -392,6 +398,9 @@ TEST_F(Hmac, ThreadsMayHashAtOnce) {
   std::thread second(work);
   first.join();
   second.join();
+  expectCount(hash_raw_data_deinit, "hash_raw_data", 400);
+  expectCount(hash_b64_data_deinit, "hash_b64_data", 400);
+  expectCount(hmac_b64_data_deinit, "hmac_b64_data", 400);
 }
 
 TEST_F(Hmac, ExceptionBecomesTheErrorFlag) {
