@@ -75,13 +75,10 @@ class LoggedIn : public Conformance {
 
 // An event that reached the log with this level and exactly these texts, followed by null pointers up to its end, under
 // the audit log's category.
-MATCHER_P(EventAtLevel, level, "") {
-  *result_listener << "level " << arg.level << ", nulls behind: " << arg.nulls_behind;
-  return arg.level == level && arg.nulls_behind && arg.category == auditCategory();
-}
+::testing::Matcher<const Event&> isEvent(int level, const std::vector<std::string>& texts);
 template <typename... Texts>
-auto IsEvent(int level, Texts... texts) {
-  return ::testing::AllOf(EventAtLevel(level), ::testing::Field(&Event::texts, ElementsAre(std::string(texts)...)));
+::testing::Matcher<const Event&> IsEvent(int level, const Texts&... texts) {
+  return isEvent(level, {std::string(texts)...});
 }
 
 // What failed in the running test so far, one failure a paragraph.
