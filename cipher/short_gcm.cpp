@@ -48,7 +48,6 @@ bool ShortGcm::encryptBlocks(std::size_t first, std::size_t count) noexcept {
 
 bool ShortGcm::start(Bytes iv, Bytes associated, std::size_t textSize) noexcept {
   const std::size_t count = blocksOf(textSize, kBlock);
-  if (iv.size() != kIvSize || count >= kMaxBlocks) return false;
   for (std::size_t i = 1; i <= count; ++i) {
     unsigned char number[kLengthSize];
     storeLength(number, i);
@@ -65,11 +64,12 @@ bool ShortGcm::start(Bytes iv, Bytes associated, std::size_t textSize) noexcept 
 
 // The blocks and a cipher text give the text.
 void ShortGcm::forgetBlocks(std::size_t textSize) noexcept {
-  OPENSSL_cleanse(blocks_[1], std::min(blocksOf(textSize, kBlock), kMaxBlocks - 1) * kBlock);
+  OPENSSL_cleanse(blocks_[1], blocksOf(textSize, kBlock) * kBlock);
 }
 
 bool ShortGcm::encrypt(unsigned char* out, std::span<unsigned char> tag, Bytes iv, Bytes associated,
                        Bytes text) noexcept {
+  if (!takes(iv, associated, text)) return false;
   const bool done =
       start(iv, associated, text.size()) && CRYPTO_gcm128_encrypt(mode_.get(), text.data(), out, text.size()) == 0;
   if (done) CRYPTO_gcm128_tag(mode_.get(), tag.data(), tag.size());
@@ -78,6 +78,7 @@ bool ShortGcm::encrypt(unsigned char* out, std::span<unsigned char> tag, Bytes i
 }
 
 bool ShortGcm::decrypt(unsigned char* out, Bytes iv, Bytes associated, Bytes cipherText, Bytes tag) noexcept {
+  if (!takes(iv, associated, cipherText)) return false;
   const bool done = start(iv, associated, cipherText.size()) &&
                     CRYPTO_gcm128_decrypt(mode_.get(), cipherText.data(), out, cipherText.size()) == 0 &&
                     CRYPTO_gcm128_finish(mode_.get(), tag.data(), tag.size()) == 0;

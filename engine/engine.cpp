@@ -126,28 +126,6 @@ void take(Engine& engine, engine::PreparedPolicies& policies, unsigned long numb
   }
 }
 
-// Whether the mode is still the one that a fetch was begun in. An exchange sees the newest mode; the other side's
-// exchange, if it comes later, sees every table that was published before this one.
-bool modeIsStill(Q7KmsMode mode) noexcept {
-  Q7KmsMode seen = mode;
-  return std::atomic_ref(g_kmsMode).compare_exchange_strong(seen, mode, std::memory_order_acq_rel);
-}
-
-// Takes policies into use unless the mode was changed since the fetch was begun. kezu_conf_set_kms_mode() takes no
-// lock: it stores the mode, then empties the slot in use. When that slot is the one before, this empties the new one.
-bool takeInMode(Engine& engine, engine::PreparedPolicies& policies, unsigned long number, Q7KmsMode mode) {
-  auto none = engine::PreparedPolicies::prepare({});
-  if (!none || !modeIsStill(mode)) {
-    return false;
-  }
-  take(engine, policies, number);
-  if (modeIsStill(mode)) {
-    return true;
-  }
-  none->publish();
-  return false;
-}
-
 int fetchFailed(const Error& error) {
   report("No policies were fetched: " + error.text);
   return -1;
@@ -190,9 +168,10 @@ int fetchPolicies(Engine& engine) {
   if (!policies.ok()) {
     return fetchFailed(policies.error());
   }
-  if (!takeInMode(engine, policies.value(), number, mode)) {
+  if (kezu::observe(g_kmsMode) != mode) {
     return fetchFailed({Error::Kind::conflict, "the key-server mode was changed in the meantime"});
   }
+  take(engine, policies.value(), number);
   return 0;
 }
 

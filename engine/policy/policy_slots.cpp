@@ -94,8 +94,7 @@ void PreparedPolicies::publish() noexcept {
   emptySlot(next);
   for (std::size_t i = 0; i < policies_.size(); ++i) {
     kezu::storeRecord(g_encPolicyArray[next][i], policies_[i]);
-    // A change under way on another thread may have put a key of its own there since the slot was emptied.
-    destroyKey(std::atomic_ref(g_makeKeyArray[next][i]).exchange(keys_[i], std::memory_order_acq_rel));
+    kezu::publish(g_makeKeyArray[next][i], keys_[i]);
   }
   kezu::publishSlot(g_numberOfEncPolicy, g_encPolicyArray_flag, next, static_cast<int>(policies_.size()));
   keys_.clear();

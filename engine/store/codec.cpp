@@ -357,13 +357,12 @@ class Reader {
       return nullptr;
     }
     // Fields are asked for in the order of the record. As this release writes them, each stands in its place.
-    const std::size_t place = order_.position[found_];
-    if (place < count_ && fields_[place].name == name) {
-      ++found_;
-      return &fields_[place].value;
-    }
+    const auto isIt = [name](const Field& field) { return field.name == name; };
     const auto end = fields_.begin() + static_cast<std::ptrdiff_t>(count_);
-    const auto field = std::find_if(fields_.begin(), end, [name](const Field& one) { return one.name == name; });
+    auto field = fields_.begin() + order_.position[found_];
+    if (field >= end || !isIt(*field)) {
+      field = std::find_if(fields_.begin(), end, isIt);
+    }
     if (field == end) {
       fail(name, "is missing");
       return nullptr;

@@ -52,13 +52,22 @@ class ChangeOrder : public LoggedIn {
     setField(record.column, column);
     setField(record.policyID, policy);
   }
-  static std::vector<std::string> columns() {
-    std::vector<std::string> names;
-    for (int i = 0; i < g_numberOfEncColumn; ++i) {
-      names.emplace_back(g_encColumnInfoArray[i].column);
+  // One field of the records of a table.
+  template <typename Record, std::size_t Capacity, std::size_t Size>
+  static std::vector<std::string> fieldOf(const Record (&records)[Capacity], int count, char (Record::*field)[Size]) {
+    std::vector<std::string> texts;
+    for (int i = 0; i < count; ++i) {
+      texts.emplace_back(records[i].*field);
     }
-    return names;
+    return texts;
   }
+  static std::vector<std::string> columns() {
+    return fieldOf(g_encColumnInfoArray, g_numberOfEncColumn, &Q7EncColumnInfo::column);
+  }
+  static std::vector<std::string> accessUsers() {
+    return fieldOf(g_accessPrivArray, g_numberOfAccessPriv, &Q7AccessPriv::user);
+  }
+  static std::vector<std::string> encUsers() { return fieldOf(g_encPrivArray, g_numberOfEncPriv, &Q7EncPriv::user); }
   static void addRow(std::string_view user) {
     Q7AccessPriv& access = g_accessPrivArray[g_numberOfAccessPriv++];
     setField(access.ip, "ip");
@@ -71,20 +80,6 @@ class ChangeOrder : public LoggedIn {
     setField(row.owner, "db");
     setField(row.table, "t");
     setField(row.column, "c");
-  }
-  static std::vector<std::string> accessUsers() {
-    std::vector<std::string> names;
-    for (int i = 0; i < g_numberOfAccessPriv; ++i) {
-      names.emplace_back(g_accessPrivArray[i].user);
-    }
-    return names;
-  }
-  static std::vector<std::string> encUsers() {
-    std::vector<std::string> names;
-    for (int i = 0; i < g_numberOfEncPriv; ++i) {
-      names.emplace_back(g_encPrivArray[i].user);
-    }
-    return names;
   }
   static void addCommand(std::string_view table) {
     Q7TableInfo& record = g_tableInfo[g_numberOftableInfo++];

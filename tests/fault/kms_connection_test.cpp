@@ -13,6 +13,7 @@
 #include "engine/kms/tls.h"
 #include "engine/store/home.h"
 #include "fault/kms_fixture.h"
+#include "kezu/change.h"
 #include "kezu/shared.h"
 
 namespace kms_test {
@@ -441,7 +442,8 @@ TEST_F(KmsConnectionTest, SwitchingOffDuringAFetchLeavesNoPolicies) {
       const auto until = std::chrono::steady_clock::now() + i * 10us;
       while (std::chrono::steady_clock::now() < until) {
       }
-      std::atomic_ref(g_kmsMode).exchange(Q7_NO_KMS_MODE);
+      const kezu::ConfigurationChange change;
+      kezu::publish(g_kmsMode, Q7_NO_KMS_MODE);
       const int slot = kezu::observe(g_encPolicyArray_flag);
       kezu::publish(g_numberOfEncPolicy[slot], 0);
     });

@@ -61,29 +61,38 @@ void replaceColumnFile(const fs::path& home) {
             }));
 }
 
+// Begins `operation` on another thread in the middle of a change, gives it time to go wrong while `look` looks, and
+// ends the change with `end`.
+template <typename Operation, typename Look, typename End>
+void beginInAChange(const Operation& operation, int looks, const Look& look, const End& end) {
+  std::atomic<bool> begun = false;
+  std::thread other;
+  {
+    const kezu::ConfigurationChange change;
+    other = std::thread([&] {
+      begun = true;
+      operation();
+    });
+    while (!begun) {
+      std::this_thread::yield();
+    }
+    for (int i = 0; i < looks; ++i) {
+      look();
+      std::this_thread::yield();
+    }
+    end();
+  }
+  other.join();
+}
+
 TEST_F(ChangeGuardTest, ReloadWaitsForTheEndOfTheChange) {
   EXPECT_EQ(0, inChild([&] {
               setenv("KEZU_HOME", home().c_str(), 1);
               EXPECT_EQ(0, kezuInitialize(1, nullptr, nullptr));
               replaceColumnFile(home());
-              std::atomic<bool> reloading = false;
-              std::thread other;
-              {
-                const kezu::ConfigurationChange change;
-                other = std::thread([&reloading] {
-                  reloading = true;
-                  EXPECT_EQ(0, Q7_ReloadAllInfoIfChanged());
-                });
-                while (!reloading) {
-                  std::this_thread::yield();
-                }
-                for (int i = 0; i < 20000; ++i) {
-                  EXPECT_EQ(0, kezu::observe(g_numberOfEncColumn));
-                  std::this_thread::yield();
-                }
-                EXPECT_EQ(1, Q7_SaveColumnInfo()) << "another process changed the file";
-              }
-              other.join();
+              beginInAChange([] { EXPECT_EQ(0, Q7_ReloadAllInfoIfChanged()); }, 20000,
+                             [] { EXPECT_EQ(0, kezu::observe(g_numberOfEncColumn)); },
+                             [] { EXPECT_EQ(1, Q7_SaveColumnInfo()) << "another process changed the file"; });
               EXPECT_EQ(1, g_numberOfEncColumn);
               return 0;
             }));
@@ -94,23 +103,8 @@ TEST_F(ChangeGuardTest, SaveWaitsForTheEndOfTheChange) {
               setenv("KEZU_HOME", home().c_str(), 1);
               EXPECT_EQ(0, kezuInitialize(1, nullptr, nullptr));
               const std::string before = readText(file("column"));
-              std::atomic<bool> saving = false;
-              std::thread other;
-              {
-                const kezu::ConfigurationChange change;
-                other = std::thread([&saving] {
-                  saving = true;
-                  EXPECT_EQ(0, Q7_SaveColumnInfo());
-                });
-                while (!saving) {
-                  std::this_thread::yield();
-                }
-                for (int i = 0; i < 2000; ++i) {
-                  EXPECT_EQ(before, readText(file("column")));
-                  std::this_thread::yield();
-                }
-              }
-              other.join();
+              beginInAChange([] { EXPECT_EQ(0, Q7_SaveColumnInfo()); }, 2000,
+                             [&] { EXPECT_EQ(before, readText(file("column"))); }, [] {});
               EXPECT_NE(before, readText(file("column")));
               return 0;
             }));
